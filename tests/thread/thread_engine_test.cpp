@@ -1,0 +1,212 @@
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/wait.h"
+#include "thread/thread_engine.h"
+
+using testsupport::Gate;
+using testsupport::LogCapture;
+using testsupport::staysFalse;
+using testsupport::waitFor;
+using util::TEngineEvent_E;
+using util::ThreadEngine;
+
+namespace {
+
+// A job the tests queue: records how it was called, optionally blocks.
+struct Job {
+  std::atomic<int> executed{0};
+  std::atomic<int> cancelled{0};
+  Gate* gate = nullptr;
+};
+
+std::atomic<int> gRunningNow{0};
+std::atomic<int> gMostAtOnce{0};
+std::mutex gOrderMutex;
+std::vector<Job*> gOrder;
+
+void jobCallback(void* arg, TEngineEvent_E event) {
+  Job* job = static_cast<Job*>(arg);
+  if (event != util::TENGINE_EVENT_EXECUTE) {
+    ++job->cancelled;
+    return;
+  }
+  int now = ++gRunningNow;
+  int most = gMostAtOnce;
+  while (now > most && !gMostAtOnce.compare_exchange_weak(most, now)) {
+  }
+  {
+    std::lock_guard<std::mutex> lock(gOrderMutex);
+    gOrder.push_back(job);
+  }
+  if (job->gate) job->gate->pass();
+  --gRunningNow;
+  ++job->executed;
+}
+
+size_t orderSize() {
+  std::lock_guard<std::mutex> lock(gOrderMutex);
+  return gOrder.size();
+}
+
+// The same work under another function, to tell two tasks of one arg apart.
+void otherCallback(void* arg, TEngineEvent_E event) { jobCallback(arg, event); }
+
+class ThreadEngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ThreadEngine::_INS_.initialize();
+    std::lock_guard<std::mutex> lock(gOrderMutex);
+    gOrder.clear();
+  }
+  // Occupies every executor with a job blocked on `blocker`.
+  void occupyAll(Job (&jobs)[6]) {
+    for (Job& job : jobs) {
+      job.gate = &blocker;
+      ThreadEngine::_INS_.requestExecute(&jobCallback, &job, this);
+    }
+    ASSERT_TRUE(waitFor([&] { return gRunningNow == 6; }));
+  }
+  void TearDown() override {
+    blocker.open();
+    ASSERT_TRUE(waitFor([&] { return gRunningNow == 0; }));
+  }
+  Gate blocker;
+};
+
+TEST_F(ThreadEngineTest, SixOfSevenTasksRunTogetherAndTheSeventhWhenOneReturns) {
+  Gate first;
+  Job jobs[7];
+  jobs[0].gate = &first;
+  for (int i = 1; i < 7; ++i) jobs[i].gate = &blocker;
+  for (Job& job : jobs) ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  ASSERT_TRUE(waitFor([&] { return gRunningNow == 6; }));
+  EXPECT_TRUE(staysFalse([&] { return jobs[6].executed + gRunningNow > 6; }, 200));
+  EXPECT_EQ(orderSize(), 6u);
+  first.open();
+  ASSERT_TRUE(waitFor([&] { return orderSize() == 7; }));
+  EXPECT_EQ(gOrder.back(), &jobs[6]);
+  EXPECT_EQ(gMostAtOnce, 6);
+}
+
+TEST_F(ThreadEngineTest, TasksAreHandedOutFirstInFirstOut) {
+  Job busy[5];
+  for (Job& job : busy) {
+    job.gate = &blocker;
+    ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  }
+  ASSERT_TRUE(waitFor([&] { return gRunningNow == 5; }));
+  // One executor is left: the queued jobs run one after another, in order.
+  Job queued[8];
+  for (Job& job : queued) ThreadEngine::_INS_.requestExecuteOrderly(&jobCallback, &job, nullptr);
+  ASSERT_TRUE(waitFor([&] { return queued[7].executed == 1; }));
+  std::lock_guard<std::mutex> lock(gOrderMutex);
+  ASSERT_EQ(gOrder.size(), 13u);
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(gOrder[5 + i], &queued[i]) << i;
+}
+
+TEST_F(ThreadEngineTest, CancelWithdrawsOnlyTheFirstPendingTaskOfItsArgument) {
+  Job busy[6];
+  occupyAll(busy);
+  Job shared, other;
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &shared, nullptr);
+  ThreadEngine::_INS_.requestExecute(&otherCallback, &shared, nullptr);
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &other, nullptr);
+  EXPECT_TRUE(ThreadEngine::_INS_.cancel(&shared));
+  EXPECT_EQ(shared.cancelled, 1);
+  blocker.open();
+  ASSERT_TRUE(waitFor([&] { return shared.executed == 1 && other.executed == 1; }));
+  EXPECT_TRUE(staysFalse([&] { return shared.executed > 1; }, 100));
+  EXPECT_EQ(shared.cancelled, 1);
+  EXPECT_FALSE(ThreadEngine::_INS_.cancel(&shared));
+}
+
+TEST_F(ThreadEngineTest, CancelAllBySenderReportsEachOfItsTasksOnce) {
+  Job busy[6];
+  occupyAll(busy);
+  int senderA = 0, senderB = 0;
+  Job a1, a2, b1;
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &a1, &senderA);
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &b1, &senderB);
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &a2, &senderA);
+  EXPECT_EQ(ThreadEngine::_INS_.cancelAll(&senderA), 2);
+  EXPECT_EQ(a1.cancelled, 1);
+  EXPECT_EQ(a2.cancelled, 1);
+  EXPECT_EQ(b1.cancelled, 0);
+  EXPECT_EQ(ThreadEngine::_INS_.cancelAll(&senderA), 0);
+  blocker.open();
+  ASSERT_TRUE(waitFor([&] { return b1.executed == 1; }));
+  EXPECT_EQ(a1.executed + a2.executed, 0);
+}
+
+TEST_F(ThreadEngineTest, CancelAllWithoutSenderDropsEverythingSilently) {
+  Job busy[6];
+  occupyAll(busy);
+  Job pending[3];
+  for (Job& job : pending) ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  EXPECT_EQ(ThreadEngine::_INS_.cancelAll(), 3);
+  blocker.open();
+  ASSERT_TRUE(waitFor([&] { return gRunningNow == 0; }));
+  // A task queued now runs; the dropped ones never do and were never told.
+  Job after;
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &after, nullptr);
+  ASSERT_TRUE(waitFor([&] { return after.executed == 1; }));
+  for (Job& job : pending) EXPECT_EQ(job.executed + job.cancelled, 0);
+}
+
+TEST_F(ThreadEngineTest, ARunningTaskCannotBeCancelled) {
+  Gate gate;
+  Job running;
+  running.gate = &gate;
+  int sender = 0;
+  ThreadEngine::_INS_.requestExecute(&jobCallback, &running, &sender);
+  ASSERT_TRUE(waitFor([&] { return gRunningNow == 1; }));
+  EXPECT_FALSE(ThreadEngine::_INS_.cancel(&running));
+  EXPECT_EQ(ThreadEngine::_INS_.cancelAll(&sender), 0);
+  gate.open();
+  ASSERT_TRUE(waitFor([&] { return running.executed == 1; }));
+  EXPECT_EQ(running.cancelled, 0);
+}
+
+TEST(ThreadEngineInit, InitializingTwiceCreatesSixExecutorsOnceAndReadsTheLevelOnce) {
+  LogCapture log(1);
+  // A private engine (_INS_ may be up already), never destroyed: its
+  // executors keep running for the rest of the process.
+  static util::ThreadEngine* engine = new util::ThreadEngine;
+  engine->initialize();
+  engine->initialize();
+  for (int i = 0; i < 6; ++i) EXPECT_EQ(log.count("creat thread " + std::to_string(i) + " OK"), 1);
+  EXPECT_EQ(log.countPrefix("Log level=="), 1);
+  EXPECT_EQ(log.count("end to init"), 1);
+  Job job;
+  engine->requestExecute(&jobCallback, &job, nullptr);
+  EXPECT_TRUE(waitFor([&] { return job.executed == 1; }));
+}
+
+TEST(ThreadEngineExit, AProcessWithIdleExecutorsExitsPromptly) {
+  pid_t child = fork();
+  ASSERT_NE(child, -1);
+  if (child == 0) {
+    ThreadEngine::_INS_.initialize();
+    Job job;
+    ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+    while (job.executed == 0) usleep(1000);
+    exit(7);  // runs the static destructors with six executors asleep
+  }
+  int status = 0;
+  bool exited = waitFor([&] { return waitpid(child, &status, WNOHANG) == child; }, 20000);
+  if (!exited) kill(child, SIGKILL);
+  ASSERT_TRUE(exited) << "process exit hung";
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+}  // namespace

@@ -1,0 +1,148 @@
+#include <atomic>
+#include <memory>
+
+#include <gtest/gtest.h>
+
+#include "support/log_capture.h"
+#include "support/wait.h"
+#include "thread/thread_object.h"
+
+using testsupport::Gate;
+using testsupport::LogCapture;
+using testsupport::waitFor;
+
+namespace {
+
+// What the worker routine sees; the routine blocks on the gate when one is set.
+struct Probe {
+  std::atomic<int> runs{0};
+  std::atomic<int> exitSeen{0};  // runs that saw needExit() true at their end
+  Gate* gate = nullptr;
+  util::ThreadObject* self = nullptr;
+};
+
+void* routine(void* arg) {
+  Probe* probe = static_cast<Probe*>(arg);
+  ++probe->runs;
+  if (probe->gate) probe->gate->pass();
+  if (probe->self && probe->self->needExit()) ++probe->exitSeen;
+  return nullptr;
+}
+
+TEST(ThreadObject, RunsOncePerStartAndSleepsBetweenRuns) {
+  LogCapture log(0);
+  Probe probe;
+  util::ThreadObject worker(&routine);
+  probe.self = &worker;
+  ASSERT_TRUE(worker.start(&probe));
+  EXPECT_TRUE(log.contains("create thread 0"));
+  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+  EXPECT_EQ(probe.runs, 1);
+  EXPECT_EQ(probe.exitSeen, 1);
+
+  ASSERT_TRUE(worker.start(&probe));
+  EXPECT_TRUE(log.contains("Tend to wake up or restart thread, sleep:1, alive:0"));
+  EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
+  ASSERT_TRUE(log.waitFor("thread begin to sleep", 2));
+  EXPECT_EQ(probe.runs, 2);
+  EXPECT_TRUE(log.contains("thread woken up"));
+  EXPECT_TRUE(log.contains("thread continues next loop"));
+}
+
+TEST(ThreadObject, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
+  LogCapture log(0);
+  Gate gate;
+  Probe probe;
+  probe.gate = &gate;
+  util::ThreadObject worker(&routine);
+  probe.self = &worker;
+  ASSERT_TRUE(worker.start(&probe));
+  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
+
+  EXPECT_TRUE(worker.start(&probe));  // re-alive while the routine runs
+  EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
+  EXPECT_FALSE(worker.start(&probe));  // requested and not yet begun
+  EXPECT_EQ(log.count("error, has already started"), 1);
+
+  gate.open();
+  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+  EXPECT_EQ(probe.runs, 2);
+  EXPECT_TRUE(log.contains("thread continues next loop 1"));
+  // The first run was restarted meanwhile, so it did not see an exit request.
+  EXPECT_EQ(probe.exitSeen, 1);
+}
+
+TEST(ThreadObject, PauseClearsAPendingRequest) {
+  LogCapture log(0);
+  Gate gate;
+  Probe probe;
+  probe.gate = &gate;
+  util::ThreadObject worker(&routine);
+  ASSERT_TRUE(worker.start(&probe));
+  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
+  ASSERT_TRUE(worker.start(&probe));
+  worker.stop(false);
+  EXPECT_TRUE(log.contains("stop OK"));
+  gate.open();
+  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+  EXPECT_EQ(probe.runs, 1);
+}
+
+TEST(ThreadObject, StartAfterForcedStopIsRefusedForever) {
+  LogCapture log(0);
+  Probe probe;
+  util::ThreadObject worker(&routine);
+  ASSERT_TRUE(worker.start(&probe));
+  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+  worker.stop(true);
+  EXPECT_TRUE(log.contains("wait for thread object to be destroyed"));
+  EXPECT_TRUE(log.contains("stop OK"));
+  EXPECT_FALSE(worker.start(&probe));
+  EXPECT_TRUE(log.contains("The thread has been froced to destroyed yet, start failed 0"));
+  worker.stop(true);
+  EXPECT_TRUE(log.contains("have already stopped"));
+  EXPECT_EQ(probe.runs, 1);
+}
+
+TEST(ThreadObject, StopOnANeverStartedObjectReturnsAtOnce) {
+  LogCapture log(0);
+  util::ThreadObject worker(&routine);
+  worker.stop(false);
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "have already paused"}));
+  log.clear();
+  worker.stop(true);
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "hasn't ever started"}));
+}
+
+TEST(ThreadObject, DestroyingASleepingObjectEndsItsThreadWithoutAnotherRun) {
+  LogCapture log(0);
+  Probe probe;
+  auto worker = std::make_unique<util::ThreadObject>(&routine);
+  ASSERT_TRUE(worker->start(&probe));
+  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+  worker.reset();
+  EXPECT_TRUE(log.contains("stop OK"));
+  EXPECT_TRUE(log.waitFor("attached end "));
+  EXPECT_TRUE(log.contains("destroy thread"));
+  EXPECT_EQ(probe.runs, 1);
+}
+
+TEST(ThreadObject, DestroyingAnObjectWhoseRoutineRunsWaitsForTheRun) {
+  LogCapture log(0);
+  Gate gate;
+  Probe probe;
+  probe.gate = &gate;
+  auto worker = std::make_unique<util::ThreadObject>(&routine);
+  ASSERT_TRUE(worker->start(&probe));
+  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
+  std::thread opener([&] {
+    log.waitFor("wait for thread object to be destroyed");
+    gate.open();
+  });
+  worker.reset();  // returns only after the routine ended and the thread left
+  opener.join();
+  EXPECT_TRUE(log.contains("stop OK"));
+  EXPECT_EQ(probe.runs, 1);
+}
+
+}  // namespace

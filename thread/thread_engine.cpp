@@ -1,0 +1,57 @@
+#include "thread/thread_engine.h"
+
+#include <cstdio>
+
+#include "diag/log.h"
+#include "diag/log_level.h"
+#include "thread/init_order.h"
+
+namespace util {
+
+ThreadEngine ThreadEngine::_INS_ CV_INIT_ORDER(CV_INIT_THREAD_ENGINE);
+
+// At exit the executor objects go (their threads are neither stopped nor
+// joined); the queue's destructor then parks the threads still waiting.
+ThreadEngine::~ThreadEngine() {
+  if (!initialised_) return;
+  for (Executor* executor : executors_) delete executor;
+  executors_.clear();
+  CV_LOG(1, "1");
+}
+
+void ThreadEngine::initialize() {
+  // Exactly once even when two first opens race.
+  if (initialised_.exchange(true)) return;
+  for (int i = 0; i < kExecutorCount; ++i) {
+    char name[16];
+    std::snprintf(name, sizeof(name), "ThreadEngine %d", i);
+    Executor* executor = new Executor(&queue_, name);
+    CV_LOG(1, "1");
+    if (pthread_create(&executor->thread, nullptr, &Executor::run, executor) != 0) {
+      // Stays marked initialised with fewer executors; the failed one is
+      // not stored, and the level file is not read.
+      return;
+    }
+    CV_LOG(1, "creat thread %d OK", i);
+    executors_.push_back(executor);
+  }
+  detectLoglevel();
+  CV_LOG(1, "end to init");
+}
+
+void ThreadEngine::requestExecute(TaskCallback callback, void* arg, void* sender) {
+  CV_LOG(1, "1");
+  queue_.putTask(callback, arg, sender);
+}
+
+void ThreadEngine::requestExecuteOrderly(TaskCallback callback, void* arg, void* sender) {
+  queue_.putTask(callback, arg, sender);
+}
+
+bool ThreadEngine::cancel(void* arg) { return queue_.cancel(arg); }
+
+int ThreadEngine::cancelAll(void* sender) { return queue_.cancelAll(sender); }
+
+int ThreadEngine::cancelAll() { return queue_.cancelAll(); }
+
+}  // namespace util
