@@ -1,0 +1,63 @@
+// util::BufferBlock: one fixed-size block of a stream buffer, holding the
+// contiguous run [beginning, beginning + payload) of the stream.
+//
+// Owned by a BufferQueue while in use and by a BufferBlockPool while spare.
+// The block has no lock of its own: the owning queue's stream lock guards it.
+#ifndef CORVANE_BUFFER_BUFFER_BLOCK_H_
+#define CORVANE_BUFFER_BUFFER_BLOCK_H_
+
+#include <cstdint>
+#include <vector>
+
+namespace util {
+
+class BufferBlock {
+ public:
+  // A zero-filled block of `capacity` bytes, empty, beginning at offset 0.
+  explicit BufferBlock(int capacity);
+  virtual ~BufferBlock();
+
+  // Appends up to the free room; returns the bytes copied (0 when full).
+  unsigned long in(const unsigned char* src, unsigned long len);
+  // Copies from `offset` (relative to the block's first byte) up to the
+  // payload; *outLen = bytes copied.
+  void out(unsigned long offset, void* dst, unsigned long len, unsigned long* outLen) const;
+
+  unsigned long sizeOfFree() const { return data_.size() - payload_; }
+  unsigned long size() const { return data_.size(); }
+  unsigned long payloadSize() const { return payload_; }
+  long long getBeginningSeqNum() const { return beginning_; }
+  bool getFlag() const { return flag_; }
+
+  // The byte at `seq` is held.
+  bool isContained(long long seq) const {
+    return beginning_ <= seq && seq < beginning_ + static_cast<long long>(payload_);
+  }
+  // The byte at `seq` would land here if the block is filled on.
+  bool willContained(long long seq) const {
+    return beginning_ <= seq && seq < beginning_ + static_cast<long long>(data_.size());
+  }
+  bool isForwarding(long long seq) const { return beginning_ <= seq; }
+  // Rebases the block to `seq`, emptying it.
+  void setBeginningSeqNum(long long seq, bool flag) {
+    payload_ = 0;
+    beginning_ = seq;
+    flag_ = flag;
+  }
+
+  // Unused: never written since its last rebase to 0.
+  bool isUnused() const { return beginning_ == 0 && payload_ == 0; }
+  long long endSeqNum() const { return beginning_ + static_cast<long long>(payload_); }
+
+  uint32_t index = 0;  // ordinal in its queue; 0 while pooled
+
+ private:
+  std::vector<unsigned char> data_;
+  uint64_t payload_ = 0;
+  long long beginning_ = 0;
+  bool flag_ = true;
+};
+
+}  // namespace util
+
+#endif  // CORVANE_BUFFER_BUFFER_BLOCK_H_
