@@ -13,14 +13,19 @@ void* TaskQueue::tmpObject = nullptr;
 // blocks while threads still wait on it, so before the lock and condition
 // go away at exit every waiting executor is moved off them and parked.
 // Task objects themselves are not freed: an executor may still hold one.
-TaskQueue::~TaskQueue() {
+TaskQueue::~TaskQueue() { closeForExit(); }
+
+int TaskQueue::closeForExit() {
   SyncGuard guard(*this);
   closing_ = true;
   notifyAll();
   while (waiting_ > 0) wait();
+  return parked_;
 }
 
 void TaskQueue::parkForever() {
+  ++parked_;
+  notifyAll();
   syncEnd();
   for (;;) pause();
 }
@@ -53,10 +58,7 @@ Task* TaskQueue::popTask(Task* finished) {
     ++waiting_;
     wait();
     --waiting_;
-    if (closing_) {
-      notifyAll();
-      parkForever();
-    }
+    if (closing_) parkForever();
   }
   Task* task = pending_.front();
   pending_.pop_front();

@@ -29,6 +29,10 @@ class TaskQueue : public Semaphore {
   // Drops every pending task without telling anyone; the count.
   int cancelAll();
 
+  // At process exit: moves every executor waiting for work off the lock and
+  // condition and parks it for good; returns how many executors are parked.
+  int closeForExit();
+
   static bool isTaskOfArg(Task* task);
   static bool isTaskOfSender(Task* task);
 
@@ -44,6 +48,7 @@ class TaskQueue : public Semaphore {
   std::list<Task*> free_;
   bool closing_ = false;  // the queue is being destroyed at process exit
   int waiting_ = 0;       // executors asleep in popTask
+  int parked_ = 0;        // executors parked for good by closeForExit
 };
 
 }  // namespace util

@@ -10,11 +10,15 @@ namespace util {
 
 ThreadEngine ThreadEngine::_INS_ CV_INIT_ORDER(CV_INIT_THREAD_ENGINE);
 
-// At exit the executor objects go (their threads are neither stopped nor
-// joined); the queue's destructor then parks the threads still waiting.
+// At exit the executor threads are neither stopped nor joined. They are
+// parked first, so that none still reads its Executor object when it goes;
+// if one is still running a task, the objects are left to the process's end
+// rather than freed under it.
 ThreadEngine::~ThreadEngine() {
   if (!initialised_) return;
-  for (Executor* executor : executors_) delete executor;
+  if (queue_.closeForExit() == static_cast<int>(executors_.size())) {
+    for (Executor* executor : executors_) delete executor;
+  }
   executors_.clear();
   CV_LOG(1, "1");
 }

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -48,8 +49,8 @@ void jobCallback(void* arg, TEngineEvent_E event) {
     gOrder.push_back(job);
   }
   if (job->gate) job->gate->pass();
-  --gRunningNow;
   ++job->executed;
+  --gRunningNow;  // the last touch of the job: the test may free it after this
 }
 
 size_t orderSize() {
@@ -67,11 +68,18 @@ class ThreadEngineTest : public ::testing::Test {
     std::lock_guard<std::mutex> lock(gOrderMutex);
     gOrder.clear();
   }
+  // Jobs live in the fixture, so executors still finishing one after the
+  // test body has returned touch live memory; TearDown drains them.
+  Job* newJobs(int n) {
+    jobs_.emplace_back(new Job[n]);
+    return jobs_.back().get();
+  }
   // Occupies every executor with a job blocked on `blocker`.
-  void occupyAll(Job (&jobs)[6]) {
-    for (Job& job : jobs) {
-      job.gate = &blocker;
-      ThreadEngine::_INS_.requestExecute(&jobCallback, &job, this);
+  void occupyAll() {
+    Job* busy = newJobs(6);
+    for (int i = 0; i < 6; ++i) {
+      busy[i].gate = &blocker;
+      ThreadEngine::_INS_.requestExecute(&jobCallback, &busy[i], this);
     }
     ASSERT_TRUE(waitFor([&] { return gRunningNow == 6; }));
   }
@@ -80,14 +88,15 @@ class ThreadEngineTest : public ::testing::Test {
     ASSERT_TRUE(waitFor([&] { return gRunningNow == 0; }));
   }
   Gate blocker;
+  std::vector<std::unique_ptr<Job[]>> jobs_;
 };
 
 TEST_F(ThreadEngineTest, SixOfSevenTasksRunTogetherAndTheSeventhWhenOneReturns) {
   Gate first;
-  Job jobs[7];
+  Job* jobs = newJobs(7);
   jobs[0].gate = &first;
   for (int i = 1; i < 7; ++i) jobs[i].gate = &blocker;
-  for (Job& job : jobs) ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  for (int i = 0; i < 7; ++i) ThreadEngine::_INS_.requestExecute(&jobCallback, &jobs[i], nullptr);
   ASSERT_TRUE(waitFor([&] { return gRunningNow == 6; }));
   EXPECT_TRUE(staysFalse([&] { return jobs[6].executed + gRunningNow > 6; }, 200));
   EXPECT_EQ(orderSize(), 6u);
@@ -98,15 +107,15 @@ TEST_F(ThreadEngineTest, SixOfSevenTasksRunTogetherAndTheSeventhWhenOneReturns) 
 }
 
 TEST_F(ThreadEngineTest, TasksAreHandedOutFirstInFirstOut) {
-  Job busy[5];
-  for (Job& job : busy) {
-    job.gate = &blocker;
-    ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  Job* busy = newJobs(5);
+  for (int i = 0; i < 5; ++i) {
+    busy[i].gate = &blocker;
+    ThreadEngine::_INS_.requestExecute(&jobCallback, &busy[i], nullptr);
   }
   ASSERT_TRUE(waitFor([&] { return gRunningNow == 5; }));
   // One executor is left: the queued jobs run one after another, in order.
-  Job queued[8];
-  for (Job& job : queued) ThreadEngine::_INS_.requestExecuteOrderly(&jobCallback, &job, nullptr);
+  Job* queued = newJobs(8);
+  for (int i = 0; i < 8; ++i) ThreadEngine::_INS_.requestExecuteOrderly(&jobCallback, &queued[i], nullptr);
   ASSERT_TRUE(waitFor([&] { return queued[7].executed == 1; }));
   std::lock_guard<std::mutex> lock(gOrderMutex);
   ASSERT_EQ(gOrder.size(), 13u);
@@ -114,9 +123,9 @@ TEST_F(ThreadEngineTest, TasksAreHandedOutFirstInFirstOut) {
 }
 
 TEST_F(ThreadEngineTest, CancelWithdrawsOnlyTheFirstPendingTaskOfItsArgument) {
-  Job busy[6];
-  occupyAll(busy);
-  Job shared, other;
+  occupyAll();
+  Job& shared = *newJobs(1);
+  Job& other = *newJobs(1);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &shared, nullptr);
   ThreadEngine::_INS_.requestExecute(&otherCallback, &shared, nullptr);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &other, nullptr);
@@ -130,10 +139,11 @@ TEST_F(ThreadEngineTest, CancelWithdrawsOnlyTheFirstPendingTaskOfItsArgument) {
 }
 
 TEST_F(ThreadEngineTest, CancelAllBySenderReportsEachOfItsTasksOnce) {
-  Job busy[6];
-  occupyAll(busy);
+  occupyAll();
   int senderA = 0, senderB = 0;
-  Job a1, a2, b1;
+  Job& a1 = *newJobs(1);
+  Job& a2 = *newJobs(1);
+  Job& b1 = *newJobs(1);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &a1, &senderA);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &b1, &senderB);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &a2, &senderA);
@@ -148,23 +158,22 @@ TEST_F(ThreadEngineTest, CancelAllBySenderReportsEachOfItsTasksOnce) {
 }
 
 TEST_F(ThreadEngineTest, CancelAllWithoutSenderDropsEverythingSilently) {
-  Job busy[6];
-  occupyAll(busy);
-  Job pending[3];
-  for (Job& job : pending) ThreadEngine::_INS_.requestExecute(&jobCallback, &job, nullptr);
+  occupyAll();
+  Job* pending = newJobs(3);
+  for (int i = 0; i < 3; ++i) ThreadEngine::_INS_.requestExecute(&jobCallback, &pending[i], nullptr);
   EXPECT_EQ(ThreadEngine::_INS_.cancelAll(), 3);
   blocker.open();
   ASSERT_TRUE(waitFor([&] { return gRunningNow == 0; }));
   // A task queued now runs; the dropped ones never do and were never told.
-  Job after;
+  Job& after = *newJobs(1);
   ThreadEngine::_INS_.requestExecute(&jobCallback, &after, nullptr);
   ASSERT_TRUE(waitFor([&] { return after.executed == 1; }));
-  for (Job& job : pending) EXPECT_EQ(job.executed + job.cancelled, 0);
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(pending[i].executed + pending[i].cancelled, 0);
 }
 
 TEST_F(ThreadEngineTest, ARunningTaskCannotBeCancelled) {
   Gate gate;
-  Job running;
+  Job& running = *newJobs(1);
   running.gate = &gate;
   int sender = 0;
   ThreadEngine::_INS_.requestExecute(&jobCallback, &running, &sender);
