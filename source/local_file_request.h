@@ -1,0 +1,71 @@
+// LocalFileRequest: the producer of a file of the local file system. A
+// restartable reader thread (`thread`, routine perform) reads 16384-byte
+// chunks from `from` and pushes each into the sink with the generation
+// number of its start.
+//
+// Owned by a DullFile. Called by the queue's worker, reconnection task or
+// monitor (start/stop), by its own reader thread (read), and by the closing
+// thread (release, destruction). The object's own lock (its Semaphore base)
+// guards stream, count, version and the start/stop state, and is held across
+// each chunk's streamIn call, so a stop waits for the chunk in progress.
+// `stopped`, `reading` and `fileSize` are also read without the lock (the
+// end-of-run event, the size query), hence atomics.
+#ifndef CORVANE_SOURCE_LOCAL_FILE_REQUEST_H_
+#define CORVANE_SOURCE_LOCAL_FILE_REQUEST_H_
+
+#include <pthread.h>
+
+#include <atomic>
+#include <fstream>
+#include <string>
+
+#include "source/file_request.h"
+#include "thread/semaphore.h"
+#include "thread/thread_object.h"
+
+class LocalFileRequest : public FileRequest, public util::Semaphore {
+ public:
+  static constexpr unsigned long kChunkSize = 16384;
+
+  explicit LocalFileRequest(std::string const& path);
+  ~LocalFileRequest() override;
+
+  void release() override;
+  // Starts the reader thread at `from`. -1 with no sink or while a run is
+  // still delivering; 0 otherwise, also when the file cannot be reopened.
+  int startStreaming(int version, long long from, long long count) override;
+  int stopStreaming() override;
+  bool isRandomAccess() override { return true; }
+  long long getContentSize() override { return fileSize.load(std::memory_order_relaxed); }
+  void setBreak() override {}
+  bool getStopWait() override { return false; }
+  void setStopWait() override {}
+  int getRequestType() override { return 0; }
+  bool initialize() override;
+
+  // One chunk of at most `size` bytes into the sink: the byte count, or -1
+  // when the run must end (stop requested, end of file, chunk refused).
+  int read(char* buffer, unsigned long size, int version);
+  // The partial-end event, unless the run was stopped or refused.
+  void notifyPerformEnd();
+
+  static void* perform(void* self);
+
+ private:
+  bool openStream();  // REQUIRES: lock held
+
+  std::ifstream stream;
+  util::ThreadObject thread;
+  long long count;
+  std::atomic<long long> fileSize;
+  int version;
+  std::atomic<bool> stopped;
+
+  // A run of perform is between its start and its end event. The thread
+  // object clears its own run request before every run, so its needExit()
+  // cannot tell a running reader from a stopped one; these fields do.
+  std::atomic<bool> reading{false};
+  pthread_t readerThread{};  // valid while `reading`; guarded by the lock
+};
+
+#endif  // CORVANE_SOURCE_LOCAL_FILE_REQUEST_H_

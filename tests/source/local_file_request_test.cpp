@@ -1,0 +1,328 @@
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "source/local_file_request.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+#include "tests/source/recording_sink.h"
+
+using testsupport::LogCapture;
+using testsupport::TempDir;
+using testsupport::waitFor;
+
+namespace {
+
+// Byte at `offset` of the test files: computable anywhere, no period of a
+// power of two.
+char patternAt(long long offset) { return static_cast<char>((offset * 7 + offset / 251) & 0xff); }
+
+std::string pattern(long long from, long long size) {
+  std::string s(static_cast<size_t>(size), '\0');
+  for (long long i = 0; i < size; ++i) s[static_cast<size_t>(i)] = patternAt(from + i);
+  return s;
+}
+
+const int kPartialEnd = util::EVENT_STREAM_PARTIAL_END;
+const int kNormal = util::EVENT_STREAM_NORMAL;
+
+struct Fixture {
+  explicit Fixture(long long size) : path(dir.write("f.bin", pattern(0, size))) {
+    request.reset(new LocalFileRequest(path));
+  }
+  TempDir dir;
+  std::string path;
+  RecordingSink sink;
+  std::unique_ptr<LocalFileRequest> request;
+
+  bool ended(int times = 1) {
+    return waitFor([&] {
+      int n = 0;
+      for (int e : sink.events()) n += e == kPartialEnd ? 1 : 0;
+      return n >= times;
+    });
+  }
+};
+
+struct ReadCase {
+  const char* name;
+  long long fileSize;
+  long long from;
+  long long count;
+  std::vector<unsigned long> chunkSizes;
+};
+
+class LocalReadTable : public ::testing::TestWithParam<ReadCase> {};
+
+TEST_P(LocalReadTable, DeliversTheChunksThenThePartialEnd) {
+  const ReadCase& c = GetParam();
+  LogCapture log(1);
+  Fixture f(c.fileSize);
+  ASSERT_TRUE(f.request->initialize());
+  EXPECT_EQ(f.request->getContentSize(), c.fileSize);
+  EXPECT_TRUE(log.contains("xxxxx file size:" + std::to_string(c.fileSize)));
+  f.request->setOut(&f.sink);
+
+  ASSERT_EQ(f.request->startStreaming(5, c.from, c.count), 0);
+  ASSERT_TRUE(f.ended());
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" +
+                          std::to_string(c.fileSize - c.from)));
+  EXPECT_EQ(f.sink.sizes(), c.chunkSizes);
+  EXPECT_EQ(f.sink.bytes(), pattern(c.from, c.fileSize - c.from));
+  for (const RecordedChunk& chunk : f.sink.chunks()) EXPECT_EQ(chunk.version, 5);
+  EXPECT_EQ(f.sink.events(), (std::vector<int>{kNormal, kPartialEnd}));
+  EXPECT_TRUE(log.contains(std::to_string(c.from) + " ~ " + std::to_string(c.count)));
+  EXPECT_TRUE(log.contains("file offset:" + std::to_string(c.from)));
+  EXPECT_TRUE(log.contains("local read begin version: 5, count:" + std::to_string(c.count) + ", "));
+  EXPECT_TRUE(log.contains("local start streaming end"));
+  bool endsWithEmptyChunk = !c.chunkSizes.empty() && c.chunkSizes.back() == 0;
+  EXPECT_EQ(log.count("xxxxxx eof"), endsWithEmptyChunk ? 1 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sizes, LocalReadTable,
+    ::testing::Values(
+        ReadCase{"EmptyFile", 0, 0, 0, {0}},
+        ReadCase{"OneExactChunk", 16384, 0, 0, {16384, 0}},
+        ReadCase{"CountNotAChunkMultipleReadsToEnd", 20000, 0, 10000, {16384, 3616}},
+        ReadCase{"CountOfOneChunkStopsAfterIt", 16384, 0, 16384, {16384}},
+        ReadCase{"FromAnOffset", 40000, 7000, 0, {16384, 16384, 232}},
+        ReadCase{"FromTheEnd", 40000, 40000, 0, {0}}),
+    [](const ::testing::TestParamInfo<ReadCase>& p) { return std::string(p.param.name); });
+
+TEST(LocalFileRequest, CountOfOneChunkOnALargerFileDeliversExactlyOneChunk) {
+  LogCapture log(1);
+  Fixture f(100000);
+  ASSERT_TRUE(f.request->initialize());
+  f.request->setOut(&f.sink);
+  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
+  ASSERT_TRUE(f.ended());
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:16384"));
+  EXPECT_EQ(f.sink.sizes(), (std::vector<unsigned long>{16384}));
+  EXPECT_EQ(f.sink.bytes(), pattern(0, 16384));
+  EXPECT_EQ(log.count("LocalFileRequest break from streaming"), 0);
+}
+
+TEST(LocalFileRequest, StartWithoutASinkIsRefused) {
+  LogCapture log(1);
+  Fixture f(100);
+  ASSERT_TRUE(f.request->initialize());
+  EXPECT_EQ(f.request->startStreaming(1, 0, 0), -1);
+  EXPECT_TRUE(log.contains("start streaming at local cause of out is null"));
+  f.request->setOut(&f.sink);
+  f.request->resetOut();
+  EXPECT_EQ(f.request->startStreaming(1, 0, 0), -1);
+  EXPECT_EQ(log.count("start streaming at local cause of out is null"), 2);
+}
+
+TEST(LocalFileRequest, InitializeFailsForAMissingFile) {
+  TempDir dir;
+  LocalFileRequest request(dir.file("absent"));
+  EXPECT_FALSE(request.initialize());
+  EXPECT_EQ(request.getContentSize(), 0);
+  EXPECT_TRUE(request.isRandomAccess());
+  EXPECT_EQ(request.getRequestType(), 0);
+  EXPECT_FALSE(request.getStopWait());
+}
+
+// A sink that lets chunks through one permit at a time, so that a stop can
+// be placed between two chunks of a running reader.
+class ThrottledSink : public RecordingSink {
+ public:
+  bool streamIn(void* data, unsigned long size, int version) override {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      ++entered_;
+      cond_.wait_for(lock, std::chrono::seconds(5), [&] { return permits_ > 0; });
+      if (permits_ > 0) --permits_;
+    }
+    return RecordingSink::streamIn(data, size, version);
+  }
+  void grant() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++permits_;
+    cond_.notify_all();
+  }
+  void grantAll() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    permits_ = 1 << 30;
+    cond_.notify_all();
+  }
+  int entered() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return entered_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cond_;
+  int permits_ = 0;
+  int entered_ = 0;
+};
+
+TEST(LocalFileRequest, SecondStartWhileReadingIsRefused) {
+  LogCapture log(1);
+  TempDir dir;
+  const long long size = 512 * 16384;
+  std::string path = dir.write("f.bin", pattern(0, size));
+  ThrottledSink sink;
+  LocalFileRequest request(path);
+  ASSERT_TRUE(request.initialize());
+  request.setOut(&sink);
+  ASSERT_EQ(request.startStreaming(3, 0, 0), 0);
+  ASSERT_TRUE(waitFor([&] { return sink.entered() == 1; }));
+
+  std::atomic<bool> done{false};
+  std::atomic<int> second{99};
+  std::thread starter([&] {
+    second = request.startStreaming(4, 100, 0);
+    done = true;
+  });
+  while (!done) {
+    int before = sink.entered();
+    sink.grant();
+    waitFor([&] { return done || sink.entered() > before; }, 2000);
+  }
+  starter.join();
+  EXPECT_EQ(second, -1);
+  EXPECT_TRUE(log.contains("1"));
+  EXPECT_TRUE(log.contains("100 ~ 0"));
+  sink.grantAll();
+  ASSERT_TRUE(waitFor([&] { return sink.events().size() == 2; }));
+  // The first run was undisturbed: all bytes from 0 with version 3.
+  EXPECT_EQ(sink.bytes(), pattern(0, size));
+  for (const RecordedChunk& chunk : sink.chunks()) EXPECT_EQ(chunk.version, 3);
+  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal, kPartialEnd}));
+  EXPECT_EQ(log.count("file offset:100"), 0);
+}
+
+TEST(LocalFileRequest, StopEndsARunningReaderWithoutAnEndEvent) {
+  LogCapture log(1);
+  TempDir dir;
+  const long long size = 512 * 16384;
+  std::string path = dir.write("f.bin", pattern(0, size));
+  ThrottledSink sink;
+  LocalFileRequest request(path);
+  ASSERT_TRUE(request.initialize());
+  request.setOut(&sink);
+  ASSERT_EQ(request.startStreaming(1, 0, 0), 0);
+  ASSERT_TRUE(waitFor([&] { return sink.entered() == 1; }));
+
+  std::atomic<bool> stopped{false};
+  std::thread stopper([&] {
+    EXPECT_EQ(request.stopStreaming(), 0);
+    stopped = true;
+  });
+  // One chunk at a time until the stop gets the lock between two chunks.
+  while (!stopped) {
+    int before = sink.entered();
+    sink.grant();
+    waitFor([&] { return stopped || sink.entered() > before; }, 2000);
+  }
+  stopper.join();
+  size_t atStop = sink.chunks().size();
+  sink.grantAll();
+  ASSERT_TRUE(log.waitFor("LocalFileRequest break from streaming"));
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" +
+                          std::to_string(16384 * atStop)));
+  EXPECT_LT(atStop * 16384, static_cast<size_t>(size));
+  EXPECT_EQ(sink.chunks().size(), atStop);
+  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal}));
+  EXPECT_EQ(sink.bytes(), pattern(0, static_cast<long long>(atStop) * 16384));
+  EXPECT_TRUE(log.contains("begin to stop LocalFile streaming"));
+  EXPECT_TRUE(log.contains(" stop LocalFile streaming OK"));
+  EXPECT_TRUE(log.contains("file relsease end"));
+
+  // A start right after the stop reopens the file at the new offset.
+  ASSERT_EQ(request.startStreaming(2, size - 20000, 0), 0);
+  EXPECT_TRUE(log.contains("file offset:" + std::to_string(size - 20000)));
+  ASSERT_TRUE(waitFor([&] { return sink.events().size() == 3; }));
+  std::vector<RecordedChunk> chunks = sink.chunks();
+  std::string after;
+  for (size_t i = atStop; i < chunks.size(); ++i) {
+    EXPECT_EQ(chunks[i].version, 2);
+    after += chunks[i].bytes;
+  }
+  EXPECT_EQ(after, pattern(size - 20000, 20000));
+  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal, kNormal, kPartialEnd}));
+}
+
+TEST(LocalFileRequest, StopAfterAnEndedRunThenStartReopensWithTheNewVersion) {
+  LogCapture log(1);
+  Fixture f(100000);
+  ASSERT_TRUE(f.request->initialize());
+  f.request->setOut(&f.sink);
+  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
+  ASSERT_TRUE(f.ended());
+  EXPECT_EQ(f.request->stopStreaming(), 0);
+  ASSERT_EQ(f.request->startStreaming(7, 90000, 0), 0);
+  ASSERT_TRUE(f.ended(2));
+  std::vector<RecordedChunk> chunks = f.sink.chunks();
+  ASSERT_EQ(chunks.size(), 2u);
+  EXPECT_EQ(chunks[0].version, 1);
+  EXPECT_EQ(chunks[1].version, 7);
+  EXPECT_EQ(chunks[1].bytes, pattern(90000, 10000));
+}
+
+TEST(LocalFileRequest, RefusedChunkEndsTheRunSilently) {
+  LogCapture log(1);
+  Fixture f(100000);
+  ASSERT_TRUE(f.request->initialize());
+  f.sink.refuseAfter(2);
+  f.request->setOut(&f.sink);
+  ASSERT_EQ(f.request->startStreaming(1, 0, 0), 0);
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:32768"));
+  EXPECT_TRUE(log.contains("write to buffer failed"));
+  EXPECT_EQ(f.sink.refused(), 1);
+  EXPECT_EQ(f.sink.sizes(), (std::vector<unsigned long>{16384, 16384}));
+  EXPECT_EQ(f.sink.events(), (std::vector<int>{kNormal}));
+}
+
+TEST(LocalFileRequest, FileThatCannotBeReopenedAfterStopDeliversNothing) {
+  LogCapture log(0);
+  Fixture f(100000);
+  ASSERT_TRUE(f.request->initialize());
+  f.request->setOut(&f.sink);
+  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
+  ASSERT_TRUE(f.ended());
+  ASSERT_TRUE(waitFor([&] { return f.request->stopStreaming() == 0; }));
+  ASSERT_EQ(std::remove(f.path.c_str()), 0);
+  f.sink.clear();
+
+  EXPECT_EQ(f.request->startStreaming(2, 0, 0), 0);
+  EXPECT_TRUE(log.contains("Open file fail"));
+  EXPECT_TRUE(testsupport::staysFalse(
+      [&] { return !f.sink.chunks().empty() || !f.sink.events().empty(); }, 200));
+}
+
+TEST(LocalFileRequest, LogThresholds) {
+  TempDir dir;
+  std::string path = dir.write("f.bin", "");
+  struct Line {
+    const char* text;
+    int threshold;
+  };
+  for (const Line& line : {Line{"xxxxxx eof", 0}, Line{"local start streaming end", 1},
+                           Line{"file offset:0", 0}, Line{"FileRequest construction", 1}}) {
+    std::string failure = testsupport::checkThreshold(line.text, line.threshold, [&] {
+      RecordingSink sink;
+      LocalFileRequest request(path);
+      ASSERT_TRUE(request.initialize());
+      request.setOut(&sink);
+      ASSERT_EQ(request.startStreaming(1, 0, 0), 0);
+      ASSERT_TRUE(waitFor([&] { return sink.events().size() == 2; }));
+    });
+    EXPECT_EQ(failure, "") << line.text;
+  }
+}
+
+}  // namespace
