@@ -1,0 +1,252 @@
+// util::BufferQueue: the stream buffer between one producer and the readers
+// of one shared file.
+//
+// Owned by the shared file object (DullFile), which sets its producer at
+// initialize() and destroys it at close. The producer's threads call the sink
+// (streamIn, notifyStreamException); readers call read/seek/breakRead; the
+// feeding worker (a ThreadObject) starts connections; engine executors run
+// the reconnection task; the feeding monitor thread watches for silence.
+//
+// The queue keeps a fixed set of 32768-byte blocks, each tagged with the
+// stream offset of its first byte, ordered by offset. Block beginnings are
+// always multiples of the block size, so two used blocks never overlap.
+// Every connection gets a new version; chunks of another version are refused.
+//
+// Locks, taken in this order: the queue lock (the Semaphore base) for the
+// whole of read and seek; streamLock_ for every field below marked [S] (the
+// blocks, the offsets, the flags of both sides; readers and the writer wait
+// on it); statusLock_ only around writes of streamStatus_. reconnectLock_ is
+// taken alone by the reconnection task; taskLock_ is a leaf lock for the count
+// of scheduled tasks (it is taken inside the engine's queue lock when a task
+// is cancelled). Fields read without a lock are atomics.
+#ifndef CORVANE_BUFFER_BUFFER_QUEUE_H_
+#define CORVANE_BUFFER_BUFFER_QUEUE_H_
+
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <mutex>
+
+#include "buffer/buffer_block.h"
+#include "buffer/buffer_block_pool.h"
+#include "buffer/buffer_queue_producer.h"
+#include "buffer/stream_sink.h"
+#include "diag/dump_file.h"
+#include "thread/semaphore.h"
+#include "thread/task.h"
+#include "thread/thread_object.h"
+
+namespace util {
+
+class BufferQueue : public Semaphore, public StreamSink {
+ public:
+  typedef std::list<BufferBlock*>::iterator BlockIt;
+
+  static constexpr long long kBlockSize = 32768;
+  // A reader this close ahead of the write point is reached by the running
+  // connection soon enough: no new connection is worth its start-up cost.
+  static constexpr long long kNearDistance = 65537;
+
+  // Stream statuses.
+  static constexpr int STREAM_IDLE = -1;
+  static constexpr int STREAM_NORMAL = 0;
+  static constexpr int STREAM_END = 1;
+  static constexpr int STREAM_ERROR = 2;
+  static constexpr int STREAM_CANCELED = 3;
+  static constexpr int STREAM_NOT_FOUND = 4;
+  static constexpr int STREAM_TIMEOUT = 5;
+  static constexpr int STREAM_NOT_AVAILABLE = 6;
+  static constexpr int STREAM_RESETTING = 7;
+
+  // Result codes of read().
+  static constexpr int READ_OK = 0;
+  static constexpr int READ_FINISHED = -1;
+  static constexpr int SMFR_FAILED = -4;
+  static constexpr int READ_TIMEOUT = -6;
+  static constexpr int SMFR_EOF = -13;
+  static constexpr int READ_NOT_AVAILABLE = -17;
+  static constexpr int READ_NOT_FOUND = -21;
+
+  // The feeding monitor checks every kMonitorPeriodMs (real time, its own
+  // timed wait); a reader waiting through kMonitorStallChecks checks with no
+  // sign of life from the producer gets a new connection; after
+  // kMonitorMaxSilentRestarts such restarts without a byte the stream ends
+  // with status 6.
+  static constexpr int kMonitorPeriodMs = 100;
+  static constexpr int kMonitorStallChecks = 4;
+  static constexpr int kMonitorMaxSilentRestarts = 3;
+
+  explicit BufferQueue(int bufferSize);
+  ~BufferQueue() override;
+
+  bool initialize(BufferQueueProducer* p);
+
+  // Stream sink (producer threads).
+  bool streamIn(void* data, unsigned long size, int version) override;
+  void notifyStreamException(int event) override;
+
+  // Reading side (reader threads). read blocks until data, a final status
+  // or breakRead.
+  int read(char* buffer, unsigned long size, unsigned long* got);
+  bool seek(long long offset, long long* newOffset);
+  void breakRead();
+  long long getBufferedSize(long long offset);
+  long long getMiniBlockOffset();
+  static long long alignLeft(long long offset);
+  void resetErrorStatus();
+
+  // Ends streaming for good: status 3, the producer stopped, the worker and
+  // monitor threads ended, no reconnection task left. Idempotent.
+  void release();
+
+  void resetStreaming();  // REQUIRES: streamLock_ held
+  bool cacheHeadToCheck(unsigned char* data, unsigned long size);
+  void setVolContent() { volatileContent_ = true; }
+  bool isVolatile() const { return volatileContent_; }
+  bool isResetStream() const { return resetRequested_; }
+  bool isRandomAccess() const { return seekable_; }
+
+  // Feeding worker and reconnection.
+  static void* workerRun(void* queue);
+  void workBegin();
+  void startWorker();
+  void stopWorker();
+  bool needExit();  // REQUIRES: streamLock_ held (or no writer running)
+  static void reconnectTask(void* queue, TEngineEvent_E event);
+  void dumpBuffer(bool unused);
+
+  // Feeding monitor.
+  static void* monitorRun(void* queue);
+  void startMonitorFeeding();
+  void fillMonitor();
+  void feedManually();  // REQUIRES: streamLock_ held
+
+  // Observers for tests and the shared file object.
+  int getStreamStatus() const { return streamStatus_.load(std::memory_order_relaxed); }
+  int getVersion() const { return version_.load(std::memory_order_relaxed); }
+  long long getContentSize() const { return contentSize_.load(std::memory_order_relaxed); }
+  long long getReadOffset() const { return readOffset_.load(std::memory_order_relaxed); }
+  long long getBlockCount() const { return blockCount_; }
+  long long getTotalCapacity() const { return totalCapacity_; }
+  int getRetryCount() const { return retryCount_.load(std::memory_order_relaxed); }
+  int getActiveWorkNum() const { return activeWorkNum_.load(std::memory_order_relaxed); }
+  bool isWriterWaiting() const { return writerWaiting_.load(std::memory_order_relaxed); }
+  bool isFeedRequested() const { return feedRequested_.load(std::memory_order_relaxed); }
+  long long getRangeBegin() const { return rangeBegin_.load(std::memory_order_relaxed); }
+  // Snapshot of the used blocks as (beginning, payload), under streamLock_.
+  std::list<std::pair<long long, unsigned long>> blockMap();
+  // The mark streamIn sets when a connection delivered data already held.
+  static std::atomic<bool> overrun;
+
+ private:
+  // Sink helpers, REQUIRES: streamLock_ held.
+  BlockIt selectBlockToWrite(bool forStreaming);
+  bool checkErrorInsert(BlockIt it);
+  void flushBuffer(BlockIt it);
+  void resetBlock(BlockIt it);
+  void setStatus(int status);
+  bool isFinalStatus(int status, int retry) const;
+  bool refuseChunk(int version);
+  bool afterStore(BlockIt startHead, bool dropped);
+  void handlePartialEnd();
+  void handleCancel();
+  void restartAfterFailure();
+
+  // Fragmenting and feeding, REQUIRES: streamLock_ held.
+  bool fragmentStreaming(long long offset, BlockIt it);
+  bool needToFeed();
+  void feedIfIdle();
+  bool isHeld(long long offset);
+  // First offset at or after `from` whose byte is not held; *block is the
+  // block a connection starting there continues, or end() when it needs a
+  // fresh block (the start is then block-aligned).
+  long long startOfMissing(long long from, BlockIt* block);
+  // Points wtHead at the place a connection starting at `from` writes to.
+  long long prepareWriteHead(long long from);
+  bool connectionPending() const { return activeWorkNum_ >= 2; }
+
+  // Reading helpers, REQUIRES: streamLock_ held.
+  bool fill(long long offset, unsigned long size, char* buffer, unsigned long* got, int mode);
+  bool easyFill(long long offset, unsigned long size, char* buffer, unsigned long* got,
+                bool backward);
+  bool waitForData(const char* breakText);
+  void relocateReader(long long offset);
+  bool endReached(long long offset) const;
+
+  void stopMonitor();
+  void waitForTasks();
+
+  DumpFile dumper_;
+  std::atomic<bool> readInProgress_{false};   // [S]
+  std::atomic<bool> writerWaiting_{false};    // [S]
+  std::atomic<bool> resetRequested_{false};   // [S]
+  long long blockCount_;
+  long long totalCapacity_;
+  std::atomic<long long> contentSize_{0};     // [S]
+  std::atomic<int> activeWorkNum_{0};         // [S]
+  bool initialised_ = false;                  // queue lock
+  BufferQueueProducer* producer_ = nullptr;
+  std::atomic<long long> readOffset_{0};      // [S] and the queue lock
+  std::atomic<long long> rangeBegin_{0};      // [S]
+  std::atomic<int> version_{0};               // [S]
+  Semaphore streamLock_;
+  Semaphore statusLock_;
+  ThreadObject worker_;
+  std::atomic<bool> feedRequested_{false};    // [S]
+  std::atomic<bool> breakReadRequested_{false};  // [S]
+  std::atomic<int> streamStatus_{1};          // written under statusLock_ inside [S]
+  std::list<BufferBlock*> blocks_;            // [S]
+  BlockIt rdTail_;                            // [S]
+  BlockIt wtHead_;                            // [S]
+  std::atomic<bool> seekable_{true};          // [S]
+  std::atomic<int> retryCount_{0};            // [S]
+  unsigned char previousHead_[32768];         // [S]
+  int previousHeadCount_ = 0;
+  unsigned char currentHead_[32768];
+  int currentHeadCount_ = 0;
+  std::atomic<bool> volatileContent_{false};
+  BufferBlockPool* pool_ = nullptr;
+
+  // Worker side.
+  Semaphore reconnectLock_;
+  std::atomic<long long> rangeCount_{0};      // [S]
+  long long connectionBegin_ = 0;             // [S]
+  std::atomic<bool> workerBusy_{false};       // [S]
+
+  // Reading side.
+  std::atomic<bool> seekHappened_{false};     // queue lock
+  bool workerStarted_ = false;                // queue lock
+  bool contiguityCheckPending_ = false;       // [S]
+
+  // Connection tracking of this implementation, all [S].
+  bool streamLive_ = false;        // the current version's connection may still deliver
+  long long producerPos_ = 0;      // offset of the next byte the producer sends
+  long long activity_ = 0;         // chunks and events seen, for the monitor
+  bool readerWaiting_ = false;     // a reader sleeps in fill/easyFill for data
+  int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
+  bool released_ = false;
+  long long knownEnd_ = -1;        // where a to-the-end connection found the content's end
+  long long connectionCount_ = 0;  // byte count the current connection was asked for
+  unsigned long readSerial_ = 0;   // reads started, so breakRead waits for its read only
+  int breakWaiters_ = 0;           // breakRead calls waiting for a read to leave
+  int stallChecks_ = 0;            // monitor only
+  long long lastActivity_ = -1;    // monitor only
+
+  // Feeding monitor: its thread and the timed wait it sleeps in.
+  ThreadObject monitor_;
+  std::mutex monitorMutex_;
+  std::condition_variable monitorCond_;
+  bool monitorStop_ = false;       // monitorMutex_
+  bool monitorStarted_ = false;    // queue lock
+
+  // Reconnection tasks scheduled and not yet finished or cancelled.
+  Semaphore taskLock_;
+  int pendingTasks_ = 0;           // taskLock_
+
+ public:
+  static std::atomic<int> workerEnd;
+};
+
+}  // namespace util
+
+#endif  // CORVANE_BUFFER_BUFFER_QUEUE_H_

@@ -1,0 +1,258 @@
+// BufferQueue, feeding: where a new connection starts (fragmentStreaming,
+// the continuation after a partial end), whether a reader needs one
+// (needToFeed), and the feeding monitor that restarts a silent source.
+//
+// Design: a connection is always started by the worker at rangeBegin, and
+// the worker places the write point just before it starts: either at the
+// end of a partly filled block that will contain the offset ("continue that
+// block"), or in a block recycled and rebased to the block-aligned offset.
+// Deciding where to start is therefore separate from touching blocks, and a
+// decision taken while a restart is pending only moves rangeBegin.
+#include "buffer/buffer_queue.h"
+#include "diag/log.h"
+#include "thread/sync_guard.h"
+
+namespace util {
+
+long long BufferQueue::alignLeft(long long offset) {
+  if (offset >= 0) return offset & ~(kBlockSize - 1);
+  return (offset + kBlockSize - 1) & ~(kBlockSize - 1);
+}
+
+bool BufferQueue::isHeld(long long offset) {
+  for (BufferBlock* block : blocks_) {
+    if (block->isContained(offset)) return true;
+  }
+  return false;
+}
+
+long long BufferQueue::startOfMissing(long long from, BlockIt* block) {
+  long long pos = from;
+  for (;;) {
+    BlockIt found = blocks_.end();
+    for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
+      if (!(*it)->isUnused() && (*it)->willContained(pos)) {
+        found = it;
+        break;
+      }
+    }
+    if (found == blocks_.end()) {
+      *block = blocks_.end();
+      return alignLeft(pos);
+    }
+    BufferBlock* b = *found;
+    if (b->endSeqNum() > pos) {
+      // Held up to the block's end: look on from there.
+      pos = b->endSeqNum();
+      if (b->sizeOfFree() > 0) {
+        *block = found;
+        return pos;
+      }
+      continue;
+    }
+    // The block stops short of `pos`: continue it; the few bytes before
+    // `pos` come with the connection.
+    *block = found;
+    return b->endSeqNum();
+  }
+}
+
+long long BufferQueue::prepareWriteHead(long long from) {
+  BlockIt block;
+  long long start = startOfMissing(from, &block);
+  if (block != blocks_.end()) {
+    CV_LOG(2, "directly use current block to fragmentStreaming");
+    wtHead_ = block;
+    return start;
+  }
+  // A block to give up: the reader's own block if it is empty, else an
+  // unused one, else the one whose data lies furthest from the reader.
+  long long reader = readOffset_;
+  BlockIt victim = blocks_.end();
+  if ((*rdTail_)->isUnused()) victim = rdTail_;
+  for (BlockIt it = blocks_.begin(); victim == blocks_.end() && it != blocks_.end(); ++it) {
+    if ((*it)->isUnused()) victim = it;
+  }
+  if (victim == blocks_.end()) {
+    long long farthest = -1;
+    for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
+      if (it == rdTail_) continue;
+      BufferBlock* b = *it;
+      long long distance = b->getBeginningSeqNum() > reader ? b->getBeginningSeqNum() - reader
+                                                            : reader - b->endSeqNum();
+      if (distance > farthest) {
+        farthest = distance;
+        victim = it;
+      }
+    }
+  }
+  (*victim)->setBeginningSeqNum(start, true);
+  BlockIt before = blocks_.begin();
+  while (before != blocks_.end() &&
+         (before == victim ||
+          (!(*before)->isUnused() && (*before)->getBeginningSeqNum() < start))) {
+    ++before;
+  }
+  blocks_.splice(before, blocks_, victim);
+  wtHead_ = victim;
+  contiguityCheckPending_ = true;
+  if (std::next(victim) != blocks_.end()) checkErrorInsert(victim);
+  return start;
+}
+
+bool BufferQueue::fragmentStreaming(long long offset, BlockIt it) {
+  CV_LOG(2, "fragment from %lld, %d", offset,
+         it == blocks_.end() ? -1 : static_cast<int>((*it)->index));
+  BlockIt block;
+  long long start = seekable_ ? startOfMissing(offset, &block) : 0;
+  long long size = contentSize_;
+  if (size != 0 && start >= size) {
+    // Everything from the offset to the end is held: nothing to fetch.
+    CV_LOG(2, "the select block is the endIt, fragment is canceled");
+    return true;
+  }
+  rangeBegin_ = start;
+  rangeCount_ = 0;
+  if (connectionPending()) {
+    // The restart already scheduled starts from the new rangeBegin.
+    CV_LOG(2, "another connection is in constructing");
+    return true;
+  }
+  resetStreaming();
+  return true;
+}
+
+bool BufferQueue::needToFeed() {
+  if (!readInProgress_ || !feedRequested_ || released_) return false;
+  if (isFinalStatus(streamStatus_, retryCount_)) return false;
+  long long offset = readOffset_;
+  long long size = contentSize_;
+  if (size != 0 && offset >= size) return false;
+  if (endReached(offset)) return false;
+  return !isHeld(offset);
+}
+
+bool BufferQueue::endReached(long long offset) const {
+  return knownEnd_ >= 0 && offset >= knownEnd_;
+}
+
+// Called by a reader about to sleep for data: when no connection is running
+// to bring it, the reader's wish starts one at once (rather than waiting for
+// the monitor). REQUIRES: streamLock_ held.
+void BufferQueue::feedIfIdle() {
+  if (!needToFeed()) return;
+  if (streamLive_ && !connectionPending()) return;  // streamIn decides on its next chunk
+  if (!seekable_) {
+    if (connectionPending()) return;
+    // The source can only start over: from the beginning.
+    flushBuffer(blocks_.begin());
+    rdTail_ = blocks_.begin();
+    wtHead_ = blocks_.begin();
+    (*wtHead_)->setBeginningSeqNum(0, true);
+    rangeBegin_ = 0;
+    rangeCount_ = 0;
+    knownEnd_ = -1;
+    resetStreaming();
+    return;
+  }
+  CV_LOG(2, "begin to fragment streaming");
+  fragmentStreaming(readOffset_, rdTail_);
+}
+
+// REQUIRES: streamLock_ held.
+void BufferQueue::handlePartialEnd() {
+  CV_LOG(0, "[QM]get EVENT_STREAM_PARTIAL_END, now size: %lld", contentSize_.load());
+  streamLock_.notifyAll();
+  if (connectionPending()) {
+    // The end of a connection already superseded.
+    CV_LOG(0, "another connection is in constructing");
+    return;
+  }
+  streamLive_ = false;
+  long long end = producerPos_;
+  long long size = contentSize_;
+  bool delivered = end > connectionBegin_;
+  if (connectionCount_ == 0 && (size == 0 || end > size || (!delivered && end < size && end > 0))) {
+    // A connection asked for everything ended here: that is the content's
+    // size (also when it ended at once, before the announced size).
+    contentSize_ = end;
+    size = end;
+    CV_LOG(0, "setFileSize: %lld", end);
+  }
+  if (size != 0 && end < size) {
+    if (seekable_ && delivered) {
+      CV_LOG(0, "begin to fragment streaming");
+      fragmentStreaming(end, wtHead_);
+    } else {
+      CV_LOG(0, "no need to continue another stream for fragment");
+      CV_LOG(0, "wait for new feeding request");
+    }
+    return;
+  }
+  if (connectionCount_ == 0) knownEnd_ = end;
+  setStatus(STREAM_END);
+  CV_LOG(0, "Read end of file and notify all other thread to execute");
+}
+
+void* BufferQueue::monitorRun(void* queue) {
+  BufferQueue* self = static_cast<BufferQueue*>(queue);
+  for (;;) {
+    {
+      std::unique_lock<std::mutex> lock(self->monitorMutex_);
+      self->monitorCond_.wait_for(lock, std::chrono::milliseconds(kMonitorPeriodMs),
+                                  [self] { return self->monitorStop_; });
+      if (self->monitorStop_) break;
+    }
+    self->fillMonitor();
+  }
+  return nullptr;
+}
+
+void BufferQueue::startMonitorFeeding() {
+  if (monitorStarted_) return;
+  monitorStarted_ = true;
+  monitor_.start(this);
+}
+
+void BufferQueue::stopMonitor() {
+  {
+    std::lock_guard<std::mutex> lock(monitorMutex_);
+    monitorStop_ = true;
+  }
+  monitorCond_.notify_all();
+  monitor_.stop(true);
+}
+
+void BufferQueue::fillMonitor() {
+  SyncGuard guard(streamLock_);
+  if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
+  // An HTTP transfer runs inside the worker; its own stall detection rules.
+  if (!readerWaiting_ || workerBusy_ || writerWaiting_ || activity_ != lastActivity_) {
+    lastActivity_ = activity_;
+    stallChecks_ = 0;
+    return;
+  }
+  if (++stallChecks_ < kMonitorStallChecks) return;
+  stallChecks_ = 0;
+  feedManually();
+}
+
+void BufferQueue::feedManually() {
+  CV_LOG(0, "begin to fix connection");
+  if (++silentRestarts_ > kMonitorMaxSilentRestarts) {
+    setStatus(STREAM_NOT_AVAILABLE);
+    CV_LOG(-4, "source silent after %d restarts, stream given up", kMonitorMaxSilentRestarts);
+    streamLive_ = false;
+    streamLock_.notifyAll();
+    return;
+  }
+  setStatus(STREAM_RESETTING);
+  feedRequested_ = true;
+  BlockIt block;
+  rangeBegin_ = seekable_ ? startOfMissing(readOffset_, &block) : 0;
+  rangeCount_ = 0;
+  resetStreaming();
+  streamLock_.notifyAll();
+}
+
+}  // namespace util

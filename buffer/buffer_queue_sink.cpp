@@ -1,0 +1,390 @@
+// BufferQueue, sink side: how a producer's chunks are placed into blocks and
+// how its stream events move the stream status.
+#include "buffer/buffer_queue.h"
+
+#include "diag/log.h"
+#include "thread/sync_guard.h"
+#include "thread/thread_engine.h"
+
+namespace util {
+
+// A refused chunk of a superseded or finished connection.
+// REQUIRES: streamLock_ held.
+bool BufferQueue::refuseChunk(int version) {
+  int status = streamStatus_;
+  bool final = isFinalStatus(status, retryCount_);
+  if (final) CV_LOG(0, "stream status is :%d", status);
+  CV_LOG(2, "ver = %d, version =%d, needExit = %d", version, version_.load(), final ? 1 : 0);
+  if (rdTail_ != wtHead_ && (*wtHead_)->payloadSize() != static_cast<unsigned long>(kBlockSize)) {
+    resetBlock(wtHead_);
+    wtHead_ = rdTail_;
+  }
+  return false;
+}
+
+bool BufferQueue::streamIn(void* data, unsigned long size, int version) {
+  SyncGuard guard(streamLock_);
+  // Wake only when someone sleeps on the lock: the hot path stays quiet.
+  if (readerWaiting_) streamLock_.notifyAll();
+  retryCount_ = 0;
+  ++activity_;
+  int status = streamStatus_;
+  if (version != version_ || status == STREAM_CANCELED || status == STREAM_NOT_FOUND ||
+      status == STREAM_NOT_AVAILABLE) {
+    return refuseChunk(version);
+  }
+  if (status == STREAM_RESETTING) {
+    setStatus(STREAM_IDLE);
+    CV_LOG(2, "need reset stream");
+    streamLive_ = false;
+    return false;
+  }
+  // The producer's position and the write point must agree, or bytes would
+  // land at the wrong offset: a mismatch (the head was given up meanwhile)
+  // ends this connection and the data is asked for again.
+  if ((*wtHead_)->endSeqNum() != producerPos_ && prepareWriteHead(producerPos_) != producerPos_) {
+    CV_LOG(2, "write point lost at %lld, end connection", producerPos_);
+    streamLive_ = false;
+    if (readerWaiting_) feedIfIdle();
+    return false;
+  }
+  BlockIt startHead = wtHead_;
+  const unsigned char* src = static_cast<const unsigned char*>(data);
+  unsigned long taken = (*wtHead_)->in(src, size);
+  CV_LOG(2, "size:%d, sz:%d, rdblock:%d, wtblock:%d, usedSize:%d, begin from:%lld",
+         static_cast<int>(size), static_cast<int>(taken), static_cast<int>((*rdTail_)->index),
+         static_cast<int>((*wtHead_)->index), static_cast<int>((*wtHead_)->payloadSize()),
+         (*wtHead_)->getBeginningSeqNum());
+  producerPos_ += static_cast<long long>(size);
+  if (size > 0) {
+    silentRestarts_ = 0;
+    resetRequested_ = false;
+  }
+  bool dropped = false;
+  while (taken < size) {
+    CV_LOG(2, "sz %d != size %d", static_cast<int>(taken), static_cast<int>(size));
+    long long end = (*wtHead_)->getBeginningSeqNum() + kBlockSize;
+    BlockIt next = std::next(wtHead_);
+    if (next != blocks_.end() && (*next)->getBeginningSeqNum() != 0 &&
+        (*next)->getBeginningSeqNum() <= end) {
+      CV_LOG(2, "Server gives more than the client required, stop streaming");
+      overrun = true;
+      streamLive_ = false;
+      return false;
+    }
+    BlockIt chosen = selectBlockToWrite(true);
+    long long rdTailBefore = (*rdTail_)->getBeginningSeqNum();
+    BufferBlock* rdTailBlock = *rdTail_;
+    while (chosen == blocks_.end()) {
+      CV_LOG(2, "wait in streamIn");
+      writerWaiting_ = true;
+      streamLock_.notifyAll();
+      streamLock_.wait();
+      CV_LOG(2, "wake up  in streamIn");
+      writerWaiting_ = false;
+      if (needExit() || version != version_) {
+        streamLive_ = streamLive_ && version != version_;
+        return false;
+      }
+      if (streamStatus_ == STREAM_RESETTING) {
+        setStatus(STREAM_IDLE);
+        streamLive_ = false;
+        return false;
+      }
+      if (feedRequested_ && *rdTail_ == rdTailBlock &&
+          (*rdTail_)->getBeginningSeqNum() == rdTailBefore) {
+        CV_LOG(2, "break out while");
+        CV_LOG(2, "break 2");
+        dropped = true;
+        break;
+      }
+      chosen = selectBlockToWrite(true);
+    }
+    if (dropped) break;
+    if (chosen == wtHead_) {
+      CV_LOG(2, "ERROR, shouldn't go here");
+      dumpBuffer(false);
+      resetBlock(wtHead_);
+      wtHead_ = rdTail_;
+      streamLive_ = false;
+      return false;
+    }
+    blocks_.splice(std::next(wtHead_), blocks_, chosen);
+    wtHead_ = chosen;
+    CV_LOG(2, "insert");
+    CV_LOG(2, "move another block to the tail");
+    if (std::next(wtHead_) == blocks_.end()) CV_LOG(2, "EEEEEEEEEEEEEEEEEEEEEEEEEEE");
+    (*wtHead_)->setBeginningSeqNum(end, true);
+    if (std::next(wtHead_) != blocks_.end() && !checkErrorInsert(wtHead_)) {
+      CV_LOG(2, "error insert block");
+    }
+    CV_LOG(2, "new block %d begin from %lld", static_cast<int>((*wtHead_)->index), end);
+    taken += (*wtHead_)->in(src + taken, size - taken);
+    CV_LOG(2, "wtblock:%d, usedSize:%d, rdTail block:%d", static_cast<int>((*wtHead_)->index),
+           static_cast<int>((*wtHead_)->payloadSize()), static_cast<int>((*rdTail_)->index));
+  }
+  if (dropped) {
+    // Bytes were given up: this connection cannot go on consistently, and
+    // the reader wants data elsewhere anyway.
+    producerPos_ = (*wtHead_)->endSeqNum();
+    streamLive_ = false;
+    afterStore(startHead, true);
+    if (readerWaiting_) feedIfIdle();
+    return false;
+  }
+  bool goOn = afterStore(startHead, false);
+  if (!goOn) streamLive_ = false;
+  return goOn;
+}
+
+// Steps after the chunk is stored: whether this connection still serves the
+// waiting reader. True to go on. REQUIRES: streamLock_ held.
+bool BufferQueue::afterStore(BlockIt startHead, bool dropped) {
+  if (!feedRequested_) {
+    CV_LOG(2, "end from streamIn");
+    return true;
+  }
+  long long readOffset = readOffset_;
+  BufferBlock* head = *wtHead_;
+  if (!seekable_) {
+    if (readOffset >= head->getBeginningSeqNum()) return true;
+    CV_LOG(2, "readOffset: %lld, head seq: %lld, block seq: %lld\n", readOffset,
+           head->getBeginningSeqNum(), (*startHead)->getBeginningSeqNum());
+    if ((*startHead)->isContained(readOffset)) {
+      CV_LOG(2, "the retrived data contains read data\n");
+    } else {
+      flushBuffer(blocks_.begin());
+      if (blocks_.empty()) {
+        CV_LOG(2, "error!!!!");
+        return false;
+      }
+      wtHead_ = blocks_.begin();
+      rdTail_ = blocks_.begin();
+      (*wtHead_)->setBeginningSeqNum(0, true);
+      feedRequested_ = false;
+      CV_LOG(2, "reconnecting connection/stream");
+      rangeBegin_ = 0;
+      rangeCount_ = 0;
+      resetStreaming();
+      return false;
+    }
+  }
+  BufferBlock* tail = *rdTail_;
+  if (head->getBeginningSeqNum() <= readOffset) {
+    CV_LOG(2, "rdTail:%d, %lld, wtHead:%d offset:%lld", static_cast<int>(tail->index),
+           tail->getBeginningSeqNum(), static_cast<int>(head->index), readOffset);
+    if (head->willContained(readOffset) || readOffset - head->endSeqNum() < kNearDistance) {
+      CV_LOG(2, "rdTail:%lld,  wtHead:%lld", tail->getBeginningSeqNum(),
+             head->getBeginningSeqNum());
+      feedRequested_ = false;
+      return !dropped;
+    }
+    CV_LOG(2, "never will be filled in this block [[[ %lld, %lld", readOffset,
+           head->getBeginningSeqNum());
+    if (readOffset - head->getBeginningSeqNum() < kNearDistance) {
+      CV_LOG(2, "closed to current location [[[2");
+      return !dropped;
+    }
+    BlockIt target;
+    if (tail->getBeginningSeqNum() > readOffset) {
+      target = rdTail_;
+      CV_LOG(2, "fra1, %d ~ to end", static_cast<int>(tail->index));
+    } else if (tail->getBeginningSeqNum() < readOffset &&
+               tail->getBeginningSeqNum() >= head->getBeginningSeqNum()) {
+      target = std::next(rdTail_);
+      CV_LOG(2, "fra1, %d ~", static_cast<int>(tail->index));
+    } else {
+      target = std::next(wtHead_);
+      CV_LOG(2, "fra1, %d ~", static_cast<int>(tail->index));
+    }
+    if (producer_ != nullptr) producer_->setStopWait();
+    if (!fragmentStreaming(readOffset, target)) {
+      setStatus(STREAM_ERROR);
+      CV_LOG(2, "fragmentStreaming failed");
+    } else {
+      CV_LOG(2, "after fragmentStreaming, rdTail is %d", static_cast<int>((*rdTail_)->index));
+    }
+    return false;
+  }
+  if (tail->getBeginningSeqNum() > readOffset) {
+    if (!needToFeed()) goto noFeed;
+    CV_LOG(2, "(*rdTail):%lld > readOffset:%lld, rangeBegin:%lld", tail->getBeginningSeqNum(),
+           readOffset, rangeBegin_.load());
+    if (producer_ != nullptr) producer_->setStopWait();
+    if (!fragmentStreaming(readOffset, rdTail_)) {
+      setStatus(STREAM_ERROR);
+      CV_LOG(2, "fragmentStreaming failed, needn't do it");
+    } else {
+      CV_LOG(2, "after fragmentStreaming, rdTail is %d", static_cast<int>((*rdTail_)->index));
+    }
+    return false;
+  }
+  if (tail->getBeginningSeqNum() < readOffset) {
+    BlockIt next = std::next(rdTail_);
+    if (!needToFeed()) goto noFeed;
+    if (next == blocks_.end() ||
+        (*next)->getBeginningSeqNum() == tail->getBeginningSeqNum() + kBlockSize) {
+      CV_LOG(2, " last line ");
+      return !dropped;
+    }
+    if (producer_ != nullptr) producer_->setStopWait();
+    if (!fragmentStreaming(readOffset, next)) {
+      setStatus(STREAM_ERROR);
+      CV_LOG(2, "fragmentStreaming failed, error!!!!!!!!!!!!!!");
+    } else {
+      CV_LOG(2, "after fragmentStreaming, rdTail is %d", static_cast<int>((*rdTail_)->index));
+    }
+    return false;
+  }
+  CV_LOG(2, " last line ");
+  return !dropped;
+noFeed:
+  CV_LOG(2, "needn't feed again2 readOffset=%lld, read:%lld, read id=%d, wtHead id=%d, wtHead:%lld",
+         readOffset, tail->getBeginningSeqNum(), static_cast<int>(tail->index),
+         static_cast<int>(head->index), head->getBeginningSeqNum());
+  return !dropped;
+}
+
+void BufferQueue::resetStreaming() {
+  if (released_) return;
+  version_ = version_ + 1;
+  activeWorkNum_ = activeWorkNum_ + 1;
+  CV_LOG(0, "activeWorkNum:%d", activeWorkNum_.load());
+  streamLive_ = false;
+  {
+    SyncGuard guard(taskLock_);
+    ++pendingTasks_;
+  }
+  ThreadEngine::_INS_.requestExecute(&BufferQueue::reconnectTask, this, this);
+}
+
+void BufferQueue::notifyStreamException(int event) {
+  CV_LOG(0, "stream event %d", event);
+  SyncGuard guard(streamLock_);
+  ++activity_;
+  int status = streamStatus_;
+  if (status == STREAM_RESETTING) {
+    setStatus(STREAM_IDLE);
+    streamLock_.notifyAll();
+    return;
+  }
+  if (status == STREAM_CANCELED || status == STREAM_NOT_FOUND ||
+      status == STREAM_NOT_AVAILABLE) {
+    CV_LOG(0, "stream status is :%d", status);
+    return;
+  }
+  if ((status == STREAM_ERROR || status == STREAM_TIMEOUT) && retryCount_ >= 2) {
+    CV_LOG(0, "stream status is :%d, retry finished:%d times", status, retryCount_.load());
+    return;
+  }
+  switch (event) {
+    case EVENT_STREAM_NORMAL:
+      if (status == STREAM_IDLE || contentSize_ == 0) {
+        if (producer_ != nullptr) {
+          contentSize_ = producer_->getContentSize();
+          seekable_ = producer_->isRandomAccess();
+        }
+        CV_LOG(0, "STREAM_NORMAL seekable = %d, totalSize:%lld", seekable_ ? 1 : 0,
+               contentSize_.load());
+        if (!seekable_) {
+          previousHeadCount_ = 0;
+          currentHeadCount_ = 0;
+        }
+      }
+      setStatus(STREAM_NORMAL);
+      streamLock_.notifyAll();
+      break;
+    case EVENT_STREAM_ERROR:
+      retryCount_ = retryCount_ + 1;
+      setStatus(STREAM_ERROR);
+      if (retryCount_ < 2) {
+        streamLock_.notifyAll();
+        resetRequested_ = true;
+        CV_LOG(-4, "reset cause of STREAM_ERROR");
+        restartAfterFailure();
+      } else {
+        CV_LOG(-4, "retry finished in not available error");
+        streamLive_ = false;
+        streamLock_.notifyAll();
+      }
+      break;
+    case EVENT_STREAM_DEAD:
+      CV_LOG(0, "reset cause of STREAM_DEAD");
+      restartAfterFailure();
+      streamLock_.notifyAll();
+      break;
+    case EVENT_STREAM_PARTIAL_END:
+      handlePartialEnd();
+      break;
+    case EVENT_STREAM_TIMEOUT: {
+      CV_LOG(0, "begin to delay 1 second before re-connection in timeout");
+      setStatus(STREAM_TIMEOUT);
+      resetRequested_ = true;
+      int before = retryCount_;
+      retryCount_ = before + 1;
+      if (before < 1) {
+        streamLock_.notifyAll();
+        CV_LOG(-4, "reset stream cause of timeout");
+        restartAfterFailure();
+      } else {
+        CV_LOG(-4, "retry finished in timeout");
+        streamLive_ = false;
+        streamLock_.notifyAll();
+      }
+      break;
+    }
+    case EVENT_STREAM_NOT_FOUND:
+      setStatus(STREAM_NOT_FOUND);
+      CV_LOG(-4, "File not found");
+      streamLive_ = false;
+      streamLock_.notifyAll();
+      break;
+    case EVENT_STREAM_NOT_AVAILABLE:
+      setStatus(STREAM_NOT_AVAILABLE);
+      CV_LOG(0, "retry finished in not available error");
+      streamLive_ = false;
+      streamLock_.notifyAll();
+      break;
+    case EVENT_STREAM_CANCEL:
+      handleCancel();
+      break;
+    default:
+      streamLock_.notifyAll();
+      CV_LOG(0, "error !!! event hasn't been handled, canceled is:%d", 7);
+      break;
+  }
+}
+
+// The restart of an error, time-out or dead connection: from the end of the
+// data held at the write point. REQUIRES: streamLock_ held.
+void BufferQueue::restartAfterFailure() {
+  rangeBegin_ = (*wtHead_)->endSeqNum();
+  rangeCount_ = 0;
+  resetStreaming();
+}
+
+// REQUIRES: streamLock_ held.
+void BufferQueue::handleCancel() {
+  streamLock_.notifyAll();
+  if (!breakReadRequested_) {
+    if (!overrun) {
+      CV_LOG(0, "cancel without continuing");
+      if (!connectionPending()) streamLive_ = false;
+      return;
+    }
+    overrun = false;
+    // A fresh event, as if the producer had reported the end itself.
+    {
+      SyncUnguard unguard(streamLock_);
+      CV_LOG(0, "manually translate cancel action to partition end action");
+      notifyStreamException(EVENT_STREAM_PARTIAL_END);
+    }
+    return;
+  }
+  setStatus(STREAM_CANCELED);
+  streamLive_ = false;
+  SyncUnguard unguard(streamLock_);
+  CV_LOG(0, "cancel and go another connection");
+}
+
+}  // namespace util
