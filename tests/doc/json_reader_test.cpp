@@ -1,0 +1,201 @@
+// JSONReader: the tree built from JSON documents, its lookups and printing.
+#include "doc/json_reader.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+using webs::JSONParser;
+using webs::JSONReader;
+using webs::TreeNode;
+
+int parse(JSONReader& reader, const std::string& doc) {
+  reader.clear();
+  int result = reader.streamIn(doc.data(), static_cast<int>(doc.size()), 0);
+  return result == 0 ? reader.streamIn(nullptr, 0, 1) : result;
+}
+
+std::string valueAt(const TreeNode& root, const std::string& path) {
+  const std::string* value = root.lookupValue(path);
+  return value ? *value : "<none>";
+}
+
+// The examples of RFC 8259, section 13.
+const char kRfcObject[] = R"({
+      "Image": {
+          "Width":  800,
+          "Height": 600,
+          "Title":  "View from 15th Floor",
+          "Thumbnail": {
+              "Url":    "http://www.example.com/image/481989943",
+              "Height": 125,
+              "Width":  100
+          },
+          "Animated" : false,
+          "IDs": [116, 943, 234, 38793]
+        }
+    })";
+
+const char kRfcArray[] = R"([
+        {
+           "precision": "zip",
+           "Latitude":  37.7668,
+           "Longitude": -122.3959,
+           "Address":   "",
+           "City":      "SAN FRANCISCO",
+           "State":     "CA",
+           "Zip":       "94107",
+           "Country":   "US"
+        },
+        {
+           "precision": "zip",
+           "Latitude":  37.371991,
+           "Longitude": -122.026020,
+           "Address":   "",
+           "City":      "SUNNYVALE",
+           "State":     "CA",
+           "Zip":       "94085",
+           "Country":   "US"
+        }
+      ])";
+
+TEST(JSONReaderTest, RfcObjectExample) {
+  JSONReader reader;
+  ASSERT_EQ(parse(reader, kRfcObject), 0);
+  EXPECT_TRUE(reader.isComplete());
+  EXPECT_EQ(valueAt(reader, "Image/Width"), "800");
+  EXPECT_EQ(valueAt(reader, "Image/Title"), "View from 15th Floor");
+  EXPECT_EQ(valueAt(reader, "Image/Thumbnail/Url"), "http://www.example.com/image/481989943");
+  EXPECT_EQ(valueAt(reader, "Image/Animated"), "false");
+  EXPECT_EQ(valueAt(reader, "Image/IDs/item[3]"), "38793");
+  EXPECT_EQ(valueAt(reader, "Image/IDs/[2]"), "234");
+  TreeNode* ids = reader.lookup("Image/IDs");
+  ASSERT_NE(ids, nullptr);
+  EXPECT_TRUE(ids->isArray());
+  EXPECT_EQ(ids->getChildCount(), 4);
+  EXPECT_TRUE(reader.lookup("Image/Width")->isLiteral());
+  EXPECT_FALSE(reader.lookup("Image/Title")->isLiteral());
+  EXPECT_EQ(reader.lookup("Image/Thumbnail")->getParent(), reader.lookup("Image"));
+  EXPECT_EQ(reader.lookup("Image")->getParent(), &reader);
+  EXPECT_EQ(reader.toJSON(),
+            "{\"Image\":{\"Width\":800,\"Height\":600,\"Title\":\"View from 15th Floor\","
+            "\"Thumbnail\":{\"Url\":\"http://www.example.com/image/481989943\",\"Height\":125,"
+            "\"Width\":100},\"Animated\":false,\"IDs\":[116,943,234,38793]}}");
+}
+
+TEST(JSONReaderTest, RfcArrayExampleAndScalarDocuments) {
+  JSONReader reader;
+  ASSERT_EQ(parse(reader, kRfcArray), 0);
+  EXPECT_TRUE(reader.isArray());
+  EXPECT_EQ(reader.getChildCount(), 2);
+  EXPECT_EQ(valueAt(reader, "item[1]/City"), "SUNNYVALE");
+  EXPECT_EQ(valueAt(reader, "item/Longitude"), "-122.3959");
+  EXPECT_EQ(valueAt(reader, "item[1]/Longitude"), "-122.026020");
+  EXPECT_EQ(valueAt(reader, "item/Address"), "");
+
+  struct Scalar {
+    const char* doc;
+    const char* value;
+    bool literal;
+  } scalars[] = {{"\"Hello world!\"", "Hello world!", false}, {"42", "42", true},
+                 {"true", "true", true}, {" null ", "null", true}};
+  for (const Scalar& s : scalars) {
+    SCOPED_TRACE(s.doc);
+    ASSERT_EQ(parse(reader, s.doc), 0);
+    EXPECT_EQ(reader.getChildCount(), 0);
+    EXPECT_FALSE(reader.isArray());
+    EXPECT_EQ(valueAt(reader, ""), s.value);
+    EXPECT_EQ(reader.isLiteral(), s.literal);
+  }
+}
+
+TEST(JSONReaderTest, PrintingRoundTrips) {
+  const char* docs[] = {
+      kRfcObject,
+      kRfcArray,
+      "{\"a\":[],\"b\":{},\"c\":[[],[{}]],\"d\":\"\",\"e\":[\"\\u0001\\u001f\\\"\\\\/\\n\"]}",
+      "[1,-2.5e-3,true,false,null,\"caf\xC3\xA9\",\"\\ud83d\\ude00\"]",
+      "{\"dup\":1,\"dup\":2,\"\":\"empty key\"}",
+      "\"just text\"",
+  };
+  for (const char* doc : docs) {
+    SCOPED_TRACE(doc);
+    JSONReader first;
+    ASSERT_EQ(parse(first, doc), 0);
+    std::string printed = first.toJSON();
+    JSONReader second;
+    ASSERT_EQ(parse(second, printed), 0) << second.getError().message;
+    EXPECT_EQ(second.toJSON(), printed);
+  }
+}
+
+TEST(JSONReaderTest, NulBytesSurviveInKeysAndValues) {
+  JSONReader reader;
+  ASSERT_EQ(parse(reader, "{\"a\\u0000b\":\"x\\u0000y\"}"), 0);
+  TreeNode* member = reader.getFirstChild();
+  ASSERT_NE(member, nullptr);
+  EXPECT_EQ(member->getName(), std::string("a\0b", 3));
+  EXPECT_EQ(member->getValue(), std::string("x\0y", 3));
+  EXPECT_EQ(reader.toJSON(), "{\"a\\u0000b\":\"x\\u0000y\"}");
+}
+
+TEST(JSONReaderTest, ClearForgetsThePreviousDocumentAndReusesRecords) {
+  JSONReader reader;
+  std::string doc = "{\"list\":[";
+  for (int i = 0; i < 500; ++i) doc += (i ? ",{\"n\":" : "{\"n\":") + std::to_string(i) + "}";
+  doc += "]}";
+  ASSERT_EQ(parse(reader, doc), 0);
+  size_t records = reader.getPoolNodeCount();
+  EXPECT_GE(records, 1001u);
+  for (int round = 0; round < 5; ++round) {
+    ASSERT_EQ(parse(reader, doc), 0);
+    EXPECT_EQ(reader.getPoolNodeCount(), records);
+  }
+  EXPECT_EQ(valueAt(reader, "list/item[499]/n"), "499");
+  ASSERT_EQ(parse(reader, "[7]"), 0);
+  EXPECT_EQ(reader.lookup("list"), nullptr);
+  EXPECT_EQ(reader.toJSON(), "[7]");
+}
+
+TEST(JSONReaderTest, MalformedDocumentLeavesTheErrorState) {
+  JSONReader reader;
+  EXPECT_EQ(parse(reader, "{\"a\":[1,2,]}"), -1);
+  EXPECT_TRUE(reader.hasError());
+  EXPECT_FALSE(reader.isComplete());
+  EXPECT_EQ(reader.getError().code, JSONParser::kErrorUnexpectedChar);
+  EXPECT_FALSE(reader.getError().message.empty());
+  ASSERT_EQ(parse(reader, "{\"a\":1}"), 0);
+  EXPECT_FALSE(reader.hasError());
+}
+
+TEST(JSONReaderTest, DeepNestingUpToTheLimitBuildsAndTearsDown) {
+  JSONReader reader;
+  int depth = JSONParser::kDefaultMaxDepth;
+  std::string doc = std::string(depth, '[') + std::string(depth, ']');
+  ASSERT_EQ(parse(reader, doc), 0);
+  EXPECT_EQ(reader.toJSON(), doc);
+  const TreeNode* node = &reader;
+  int levels = 1;
+  while (node->getFirstChild()) {
+    node = node->getFirstChild();
+    ++levels;
+  }
+  EXPECT_EQ(levels, depth);
+  JSONReader limited(4);
+  EXPECT_EQ(parse(limited, "[[[[[]]]]]"), -1);
+  EXPECT_EQ(limited.getError().code, JSONParser::kErrorTooDeep);
+}
+
+TEST(JSONReaderTest, RawDataIsTheTextAsItIs) {
+  JSONReader reader;
+  std::vector<unsigned char>* raw = reader.getRawData("{\"q\":1}");
+  ASSERT_NE(raw, nullptr);
+  EXPECT_EQ(std::string(raw->begin(), raw->end()), "{\"q\":1}");
+  EXPECT_FALSE(reader.isInitialized());
+  reader.initialize();
+  EXPECT_TRUE(reader.isInitialized());
+}
+
+}  // namespace

@@ -1,0 +1,152 @@
+// MethodResponse: the per-transfer sequence of calls into its reader and the
+// result it keeps, with a recording reader and with the real readers.
+#include "doc/method_response.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "doc/json_reader.h"
+#include "doc/xml_reader.h"
+
+namespace {
+
+using webs::JSONReader;
+using webs::MethodResponse;
+using webs::TreeReader;
+using webs::XMLReader;
+
+// Records every call the response makes into it, in order.
+class RecordingReader : public TreeReader {
+ public:
+  int streamIn(const char* data, int size, int isLast) override {
+    calls += "streamIn(" + std::string(data ? std::string(data, size) : "null") + "," +
+             std::to_string(size) + "," + std::to_string(isLast) + ") ";
+    return 0;
+  }
+  void initialize() override { calls += "initialize "; }
+  void clear() override { calls += "clear "; }
+  void readNodeBegin(const char*, bool) override { calls += "begin "; }
+  void readNodeEnd(const char*) override { calls += "end "; }
+  void readNodeValue(const char*, bool) override { calls += "value "; }
+  void readyRead() override { calls += "readyRead "; }
+  std::vector<unsigned char>* getRawData(const std::string&) override { return nullptr; }
+
+  std::string calls;
+};
+
+// A result-processing subclass: records the call, and with a JSON reader
+// takes "status" and "message" from the tree.
+class StatusResponse : public MethodResponse {
+ public:
+  void processResult() override {
+    ++processed;
+    if (recorder) recorder->calls += "processResult ";
+    if (!json) return;
+    const std::string* status = json->lookupValue("status");
+    const std::string* message = json->lookupValue("message");
+    success = !json->hasError() && status && *status == "ok";
+    errorCode = status ? *status : "no status";
+    errorMsg = message ? *message : json->getError().message;
+  }
+
+  int processed = 0;
+  RecordingReader* recorder = nullptr;
+  JSONReader* json = nullptr;
+};
+
+TEST(MethodResponseTest, OneTransferCallsTheReaderInSequence) {
+  RecordingReader reader;
+  StatusResponse response;
+  response.recorder = &reader;
+  response.initialize(&reader);
+  EXPECT_EQ(reader.calls, "initialize ");
+  reader.calls.clear();
+
+  response.readyReceive();
+  char body[] = "abcdef";
+  EXPECT_EQ(response.receive(body, 4, nullptr, 3), 4);
+  EXPECT_EQ(response.receive(body + 4, 2, nullptr, 3), 2);
+  EXPECT_EQ(response.receive(body, 0, nullptr, 3), 0);
+  response.finishReceive();
+  EXPECT_EQ(reader.calls,
+            "clear readyRead streamIn(abcd,4,0) streamIn(ef,2,0) streamIn(,0,0) "
+            "streamIn(null,0,1) processResult ");
+  EXPECT_EQ(response.processed, 1);
+}
+
+TEST(MethodResponseTest, SwitchReaderDoesNotInitialiseAndNullIsAllowed) {
+  RecordingReader first;
+  RecordingReader second;
+  MethodResponse response;
+  response.initialize(nullptr);
+  response.switchReader(&second);
+  EXPECT_EQ(second.calls, "");
+  response.initialize(&first);
+  EXPECT_EQ(first.calls, "initialize ");
+  response.switchReader(&second);
+  response.readyReceive();
+  EXPECT_EQ(second.calls, "clear readyRead ");
+  EXPECT_EQ(first.calls, "initialize ");
+  EXPECT_EQ(response.findResultStruct(), nullptr);
+}
+
+TEST(MethodResponseTest, ReadyReceiveResetsSuccessAndErrorStrings) {
+  JSONReader reader;
+  StatusResponse response;
+  response.json = &reader;
+  response.initialize(&reader);
+  EXPECT_TRUE(reader.isInitialized());
+
+  struct Transfer {
+    std::string body;
+    bool success;
+    const char* code;
+    const char* message;
+  } transfers[] = {
+      {"{\"status\":\"ok\",\"message\":\"done\"}", true, "ok", "done"},
+      {"{\"status\":\"denied\",\"message\":\"no token\"}", false, "denied", "no token"},
+      {"{\"status\":\"ok\",", false, "ok", nullptr},
+      {"{\"status\":\"ok\"}", true, "ok", nullptr},
+  };
+  for (Transfer& t : transfers) {
+    SCOPED_TRACE(t.body);
+    response.readyReceive();
+    EXPECT_FALSE(response.isSuccess());
+    EXPECT_EQ(response.getErrorCode(), "");
+    EXPECT_EQ(response.getErrorMsg(), "");
+    // The body arrives in three pieces, one cut inside a string.
+    size_t third = t.body.size() / 3;
+    for (size_t at = 0; at < t.body.size(); at += third) {
+      size_t size = std::min(third, t.body.size() - at);
+      EXPECT_EQ(response.receive(&t.body[at], static_cast<int>(size), nullptr, 1),
+                static_cast<int>(size));
+    }
+    response.finishReceive();
+    EXPECT_EQ(response.isSuccess(), t.success);
+    EXPECT_EQ(response.getErrorCode(), t.code);
+    if (t.message) {
+      EXPECT_EQ(response.getErrorMsg(), t.message);
+    } else if (reader.hasError()) {
+      EXPECT_EQ(response.getErrorMsg(), reader.getError().message);
+      EXPECT_FALSE(response.getErrorMsg().empty());
+    }
+  }
+  EXPECT_EQ(response.processed, 4);
+}
+
+TEST(MethodResponseTest, XMLReaderKeepsItsTreeAcrossTransfers) {
+  XMLReader reader;
+  MethodResponse response;
+  response.initialize(&reader);
+  EXPECT_TRUE(reader.isInitialized());
+  XMLReader::startElem(&reader, "kept", nullptr);
+  XMLReader::endElem(&reader, "kept");
+  response.readyReceive();
+  char body[] = "<ignored/>";
+  EXPECT_EQ(response.receive(body, 10, nullptr, 0), 10);
+  response.finishReceive();
+  EXPECT_EQ(reader.toXML(), "<kept/>");
+}
+
+}  // namespace
