@@ -66,9 +66,9 @@ INSTANTIATE_TEST_SUITE_P(Ranges, RangedGet,
                                            RangeCase{12345, 0, "bytes=12345-", 300000 - 12345},
                                            RangeCase{1000, 99999, "bytes=1000-99999", 99000},
                                            RangeCase{299999, 0, "bytes=299999-", 1}),
-                         [](const ::testing::TestParamInfo<RangeCase>& info) {
-                           return "From" + std::to_string(info.param.from) + "To" +
-                                  std::to_string(info.param.to);
+                         [](const ::testing::TestParamInfo<RangeCase>& p) {
+                           return "From" + std::to_string(p.param.from) + "To" +
+                                  std::to_string(p.param.to);
                          });
 
 TEST(MethodRequestTransfer, DefaultRequestCarriesUserAgentAndNoCache) {
