@@ -66,6 +66,8 @@ class MethodRequest : public util::Semaphore {
   void setStopWait();
   bool getStopWait() const { return stopWait.load(std::memory_order_relaxed); }
   // Ends a running transfer at its next progress callback and waits for it.
+  // Never from the transfer's own thread (a Requestor callback): it would
+  // wait for itself.
   void stop();
 
   void setMethodFeatureFlag(int flag);
