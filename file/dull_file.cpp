@@ -127,6 +127,10 @@ int DullFile::readAsync(char* buf, unsigned long size, long long position,
     requestTable[id] = record;
     *reqID = id;
   }
+  {
+    util::SyncGuard guard(taskLock);
+    ++outstandingTasks;
+  }
   CV_LOG(1, "request thread engine to run read request");
   util::ThreadEngine::_INS_.requestExecuteOrderly(&DullFile::readTask, record, this);
   return 0;
@@ -167,13 +171,27 @@ void DullFile::readTask(void* arg, util::TEngineEvent_E event) {
     }
     if (record->callback) record->callback(record->reqID, record->userdata, status, static_cast<int>(n));
   }
-  util::SyncGuard guard(requestLock);
-  if (record->pins > 0) {
-    // A cancelRead still reads this record; it frees it when done.
-    record->finished = true;
-  } else {
-    freeRecord(record);
+  DullFile* dull = record->dull;
+  {
+    util::SyncGuard guard(requestLock);
+    if (record->pins > 0) {
+      // A cancelRead still reads this record; it frees it when done.
+      record->finished = true;
+    } else {
+      freeRecord(record);
+    }
   }
+  // Last touch of the file: once the count drops, drainRequests may let it
+  // be destroyed.
+  util::SyncGuard guard(dull->taskLock);
+  --dull->outstandingTasks;
+  dull->taskLock.notifyAll();
+}
+
+void DullFile::drainRequests() {
+  util::ThreadEngine::_INS_.cancelAll(this);
+  util::SyncGuard guard(taskLock);
+  while (outstandingTasks > 0) taskLock.wait();
 }
 
 int DullFile::cancelRead(int reqID, SmartFile* file) {

@@ -12,7 +12,8 @@
 //    first-data wait of getSize(); so at most one read runs on the queue;
 //  - referenceLock: references, referenceCount and reader;
 //  - the request lock (process-wide, alone): the request table and the
-//    pin/finish marks of its records.
+//    pin/finish marks of its records;
+//  - taskLock, a leaf: the count of read tasks handed to the engine.
 #ifndef CORVANE_FILE_DULL_FILE_H_
 #define CORVANE_FILE_DULL_FILE_H_
 
@@ -90,6 +91,11 @@ class DullFile : public util::Semaphore {
   FileRequest* getRequest() { return request; }
   // Withdraws queued reads, releases the queue and the producer.
   void close();
+  // Withdraws the queued asynchronous reads and waits until no read task of
+  // this file is left running, so the file can be destroyed. REQUIRES: no
+  // SmartFile references the file; the read lock not held (running tasks
+  // need it to finish).
+  void drainRequests();
   void dumpDebugInfo();
   const std::string& location() const { return url; }
 
@@ -108,6 +114,10 @@ class DullFile : public util::Semaphore {
   SmartFile* reader;
   FileRequest* request;
   util::BufferQueue rbuffer;
+
+  // Read tasks handed to the engine and not yet ended (leaf lock).
+  util::Semaphore taskLock;
+  int outstandingTasks = 0;
 
   static ReadRequestRecord* requestTable[kMaxRequests];
   static util::Semaphore requestLock;

@@ -11,6 +11,7 @@ std::list<DullFile*> DullFileManager::openfs CV_INIT_ORDER(CV_INIT_API_TABLE);
 util::Semaphore DullFileManager::openfsLock CV_INIT_ORDER(CV_INIT_API_TABLE);
 
 void DullFileManager::destroy(DullFile* dull) {
+  dull->drainRequests();
   {
     util::SyncGuard guard(*dull);
     dull->close();
@@ -42,6 +43,7 @@ DullFile* DullFileManager::openDullFile(SmartFile* file, const std::string& url,
     CV_LOG(1, "begin to delete file");
     // Without the file's lock here, unlike closeDullFile: nobody can read an
     // unreferenced file.
+    dull->drainRequests();
     dull->close();
     delete dull;
     it = openfs.erase(it);

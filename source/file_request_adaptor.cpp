@@ -1,7 +1,15 @@
 #include "source/file_request_adaptor.h"
 
+#include <atomic>
+
 #include "diag/log.h"
 #include "source/local_file_request.h"
+
+namespace {
+std::atomic<FileRequestAdaptor::Factory> gTestFactory{nullptr};
+}  // namespace
+
+void FileRequestAdaptor::setFactoryForTesting(Factory factory) { gTestFactory = factory; }
 
 FileRequestAdaptor::Kind FileRequestAdaptor::kindOf(std::string const& location) {
   // The length conditions are those of the devices' existing behaviour: the
@@ -13,6 +21,9 @@ FileRequestAdaptor::Kind FileRequestAdaptor::kindOf(std::string const& location)
 }
 
 FileRequest* FileRequestAdaptor::createFileRequest(std::string const& location) {
+  if (Factory factory = gTestFactory.load()) {
+    if (FileRequest* request = factory(location)) return request;
+  }
   switch (kindOf(location)) {
     case KIND_HTTP:
       // HTTP and HTTPS locations are served by webs::HttpFileRequest, built

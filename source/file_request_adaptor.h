@@ -20,6 +20,11 @@ class FileRequestAdaptor {
   static FileRequest* createFileRequest(std::string const& location);
   // release(), then delete. Accepts null.
   static void releaseFileRequest(FileRequest* request);
+
+  // Tests put producers of their own behind chosen locations: while set,
+  // `factory` is asked first, and a non-null answer is the request.
+  typedef FileRequest* (*Factory)(std::string const& location);
+  static void setFactoryForTesting(Factory factory);
 };
 
 #endif  // CORVANE_SOURCE_FILE_REQUEST_ADAPTOR_H_

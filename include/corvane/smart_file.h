@@ -16,20 +16,26 @@
 extern "C" {
 #endif
 
-#define SMFR_OK 0
-#define SMFR_NOT_HTTP (-1)  /* HTTP-only call on another source; also a finished stream */
-#define SMFR_FAILED (-4)    /* bad handle or argument, no free handle, failed read/seek */
-#define SMFR_TIMEOUT (-6)   /* read failed: the stream timed out */
-#define SMFR_BUSY (-12)     /* seek refused: too far on a stream not readable at random */
-#define SMFR_EOF (-13)      /* read stopped at the end of the content (bytes counted) */
-#define SMFR_NOT_AVAILABLE (-17) /* read failed: the server refuses service */
-#define SMFR_NOT_FOUND (-21)     /* read failed: no such file */
+/* Result codes. An enum rather than macros, so the names stay usable as
+ * member names inside the library. */
+enum {
+  SMFR_OK = 0,
+  SMFR_NOT_HTTP = -1,      /* HTTP-only call on another source; also a finished stream */
+  SMFR_FAILED = -4,        /* bad handle or argument, no free handle, failed read/seek */
+  SMFR_TIMEOUT = -6,       /* read failed: the stream timed out */
+  SMFR_BUSY = -12,         /* seek refused: too far on a stream not readable at random */
+  SMFR_EOF = -13,          /* read stopped at the end of the content (bytes counted) */
+  SMFR_NOT_AVAILABLE = -17, /* read failed: the server refuses service */
+  SMFR_NOT_FOUND = -21     /* read failed: no such file */
+};
 
 /* Statuses of an asynchronous read's callback. */
-#define SMFR_ASYNC_FAILED (-1)    /* failed; bytes = count so far */
-#define SMFR_ASYNC_DONE 1         /* completed; bytes placed in the buffer */
-#define SMFR_ASYNC_CANCELLED 3    /* cancelled (reported twice when withdrawn while queued) */
-#define SMFR_ASYNC_EOF 4          /* completed at the end of the content */
+enum {
+  SMFR_ASYNC_FAILED = -1,   /* failed; bytes = count so far */
+  SMFR_ASYNC_DONE = 1,      /* completed; bytes placed in the buffer */
+  SMFR_ASYNC_CANCELLED = 3, /* cancelled (reported twice when withdrawn while queued) */
+  SMFR_ASYNC_EOF = 4        /* completed at the end of the content */
+};
 
 /* Called once per accepted asynchronous read on a library worker thread
  * (a cancel while queued reports on the cancelling thread and must not call

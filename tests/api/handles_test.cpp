@@ -1,0 +1,190 @@
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "corvane/smart_file.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "tests/api/api_fixture.h"
+
+using testsupport::LogCapture;
+using testsupport::TempDir;
+
+namespace {
+
+TEST(Handles, NumberedFromOneUpTo255AndTheLowestFreeSlotIsReused) {
+  TempDir dir;
+  std::string path = testsupport::writePatternFile(dir, "f", 1000);
+  std::vector<int> handles;
+  for (int i = 0; i < 255; ++i) {
+    int h = 0;
+    ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+    handles.push_back(h);
+    EXPECT_EQ(h, i + 1);
+  }
+  {
+    LogCapture log(0);
+    int h = 0;
+    EXPECT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_FAILED);
+    EXPECT_EQ(h, -1);
+    EXPECT_TRUE(log.contains("open too many file, exceed the limitation 255\n"));
+    EXPECT_TRUE(log.contains("alloc file handle fail"));
+    EXPECT_TRUE(log.contains("End x_smart_file_open(handle: -1)"));
+  }
+  EXPECT_EQ(x_smart_file_close(7), SMFR_OK);
+  EXPECT_EQ(x_smart_file_close(7), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_offset(7), SMFR_FAILED);
+  int again = 0;
+  ASSERT_EQ(x_smart_file_open_x(path.c_str(), &again, 65536), SMFR_OK);
+  EXPECT_EQ(again, 7);
+  for (int h : handles) EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+struct BadHandleCall {
+  const char* name;
+  std::function<long long(int)> call;
+};
+
+TEST(Handles, OutOfRangeHandlesAreRefusedWithInvalidHandle) {
+  char buf[4];
+  unsigned long got = 0;
+  long long cur = 0;
+  int req = 0;
+  std::vector<BadHandleCall> calls = {
+      {"close", [](int h) { return x_smart_file_close(h); }},
+      {"read", [&](int h) { return x_smart_file_read(h, buf, 4, &got); }},
+      {"read_async", [&](int h) { return x_smart_file_read_async(h, buf, 4, nullptr, nullptr, &req); }},
+      {"read_abort", [](int h) { return x_smart_file_read_abort(h, 1); }},
+      {"seek", [&](int h) { return x_smart_file_seek(h, 0, &cur); }},
+      {"offset", [](int h) { return x_smart_file_offset(h); }},
+      {"size", [](int h) { return x_smart_file_size(h); }},
+      {"volatile", [](int h) { return x_smart_file_volatile(h); }},
+      {"bufferSize", [](int h) { return x_smart_file_bufferSize(h); }},
+      {"bufferedSize", [](int h) { return x_smart_file_bufferedSize(h); }},
+      {"featureflag", [](int h) { return x_smart_file_set_featureflag(h, 1); }},
+      {"get_speed", [](int h) { return x_smart_file_http_get_speed(h); }},
+      {"set_proxy", [](int h) { return x_smart_file_http_set_proxy(h, "p"); }},
+  };
+  for (int handle : {0, 256, -1}) {
+    for (const BadHandleCall& c : calls) {
+      LogCapture log(0);
+      EXPECT_EQ(c.call(handle), SMFR_FAILED) << c.name << " " << handle;
+      EXPECT_EQ(log.count("INVALID_HANDLE\n"), 1) << c.name << " " << handle;
+    }
+  }
+  // In range but never opened: -4 with the function's own line.
+  LogCapture log(0);
+  EXPECT_EQ(x_smart_file_close(200), SMFR_FAILED);
+  EXPECT_TRUE(log.contains("x_smart_file_close exit"));
+  EXPECT_EQ(x_smart_file_seek(200, 0, &cur), SMFR_FAILED);
+  EXPECT_TRUE(log.contains("x_smart_file_seek end(SMFR_FAILED)"));
+  EXPECT_EQ(x_smart_file_size(200), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read(200, buf, 4, &got), SMFR_FAILED);
+  EXPECT_EQ(log.count("INVALID_HANDLE\n"), 0);
+}
+
+struct UrlCase {
+  const char* url;
+  int result;
+};
+
+TEST(Handles, UrlChecks) {
+  TempDir dir;
+  std::string path = testsupport::writePatternFile(dir, "f", 10);
+  std::vector<UrlCase> cases = {
+      {"HTTP://127.0.0.1:1/a", SMFR_OK}, {"hTtPs://127.0.0.1:1/a", SMFR_OK},
+      {path.c_str(), SMFR_OK},           {"file:///tmp/x", SMFR_FAILED},
+      {"ftp://127.0.0.1/x", SMFR_FAILED}, {"relative/path", SMFR_FAILED},
+      {"", SMFR_FAILED},                 {"http:/x", SMFR_FAILED},
+  };
+  for (const UrlCase& c : cases) {
+    LogCapture log(-4);
+    int h = 12345;
+    EXPECT_EQ(x_smart_file_open(c.url, &h), c.result) << c.url;
+    if (c.result == SMFR_OK) {
+      EXPECT_GE(h, 1);
+      EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+    } else {
+      EXPECT_EQ(h, 12345) << "nothing written on a refused URL";
+      EXPECT_TRUE(log.contains("url is invalid")) << c.url;
+    }
+  }
+  LogCapture log(0);
+  int h = 0;
+  EXPECT_EQ(x_smart_file_open(nullptr, &h), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_open(path.c_str(), nullptr), SMFR_FAILED);
+  EXPECT_EQ(log.count("NULL POINT\n"), 2);
+}
+
+TEST(Handles, MissingPathStillGivesAHandleWhoseCallsFail) {
+  TempDir dir;
+  int h = 0;
+  ASSERT_EQ(x_smart_file_open(dir.file("absent").c_str(), &h), SMFR_OK);
+  char buf[16];
+  unsigned long got = 0;
+  long long cur = 0;
+  int req = 0;
+  EXPECT_EQ(x_smart_file_read(h, buf, 16, &got), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_seek(h, 0, &cur), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_size(h), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read_async(h, buf, 16, nullptr, nullptr, &req), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_bufferSize(h), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_offset(h), 0);
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+TEST(Handles, HttpCallsOnALocalFileTakeTheirNotHttpAnswers) {
+  TempDir dir;
+  std::string path = testsupport::writePatternFile(dir, "f", 100);
+  int h = 0;
+  ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+  LogCapture log(0);
+  EXPECT_EQ(x_smart_file_set_featureflag(h, 1), SMFR_OK);
+  EXPECT_TRUE(log.contains("not http file"));
+  EXPECT_EQ(x_smart_file_http_get_speed(h), 0);
+  EXPECT_EQ(x_smart_file_http_set_speed(h, 1000), SMFR_OK);
+  EXPECT_EQ(x_smart_file_http_get_content_type(h), nullptr);
+  EXPECT_EQ(x_smart_file_http_get_server_name(h), nullptr);
+  char ip[64] = {0};
+  EXPECT_EQ(x_smart_file_http_get_url_ip(h, ip), SMFR_NOT_HTTP);
+  int length = 7;
+  char header[16];
+  EXPECT_EQ(x_smart_file_http_get_header(h, header, 16, &length), SMFR_OK);
+  EXPECT_NE(x_smart_file_http_get_download_status(h), 200);
+  typedef int (*Setter)(int, const char*);
+  struct SetterCase {
+    Setter fn;
+    bool nullFailsFirst;
+  };
+  std::vector<SetterCase> setters = {
+      {x_smart_file_http_set_userAgent, false},      {x_smart_file_http_set_proxy, false},
+      {x_smart_file_http_set_CAPath, false},         {x_smart_file_http_set_CA, false},
+      {x_smart_file_http_set_cookie, false},         {x_smart_file_http_set_client_authert, true},
+      {x_smart_file_http_set_private_key, true},     {x_smart_file_http_set_key_type, true},
+      {x_smart_file_http_set_ip_resolve, true},
+  };
+  for (const SetterCase& s : setters) {
+    EXPECT_EQ(s.fn(h, "x"), SMFR_NOT_HTTP);
+    EXPECT_EQ(s.fn(h, nullptr), s.nullFailsFirst ? SMFR_FAILED : SMFR_NOT_HTTP);
+    // The null check of four setters comes before the handle check.
+    EXPECT_EQ(s.fn(0, nullptr), SMFR_FAILED);
+  }
+  EXPECT_GE(log.count("not http file or no set"), 9);
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+TEST(Handles, LogLevelFunctions) {
+  int saved = x_smart_file_get_log_level();
+  for (int level : {-7, -1, 0, 3, 42}) {
+    x_smart_file_set_log_level(level);
+    EXPECT_EQ(x_smart_file_get_log_level(), level);
+  }
+  x_smart_file_disable_log();
+  EXPECT_EQ(x_smart_file_get_log_level(), -1);
+  x_smart_file_set_log_level(saved);
+  EXPECT_EQ(x_smart_file_dump_buffer(), 0);
+}
+
+}  // namespace

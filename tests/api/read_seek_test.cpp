@@ -1,0 +1,148 @@
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "corvane/smart_file.h"
+#include "file/dull_file_manager.h"
+#include "support/log_capture.h"
+#include "support/temp_dir.h"
+#include "tests/api/api_fixture.h"
+
+using testsupport::LogCapture;
+using testsupport::TempDir;
+using testsupport::patternBytes;
+
+namespace {
+
+struct ReadCase {
+  long long fileSize;
+  int chunk;
+};
+
+TEST(ReadSeek, SequentialReadsReturnEveryByteThenEof) {
+  const std::vector<ReadCase> cases = {{1, 1}, {1000, 7}, {32768, 32768}, {32769, 4096},
+                                       {300000, 65536}, {3000000, 100000}};
+  for (const ReadCase& c : cases) {
+    TempDir dir;
+    std::string path = testsupport::writePatternFile(dir, "f", c.fileSize);
+    int h = 0;
+    ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+    EXPECT_EQ(x_smart_file_size(h), c.fileSize);
+    int code = 0;
+    std::string got = testsupport::readAll(h, c.fileSize + 10, c.chunk, &code);
+    EXPECT_EQ(code, SMFR_EOF) << c.fileSize;
+    EXPECT_EQ(got.size(), static_cast<size_t>(c.fileSize));
+    EXPECT_TRUE(got == patternBytes(0, c.fileSize)) << c.fileSize;
+    EXPECT_EQ(x_smart_file_offset(h), c.fileSize);
+    EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+  }
+}
+
+TEST(ReadSeek, SeeksMoveTheReadPointAndBeyondTheEndClamps) {
+  TempDir dir;
+  const long long size = 1500000;
+  std::string path = testsupport::writePatternFile(dir, "f", size);
+  int h = 0;
+  ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+  std::vector<long long> targets = {0, 1, 32767, 32768, 1000000, 999999, 5, size - 1, 400000};
+  for (long long target : targets) {
+    long long cur = -1;
+    ASSERT_EQ(x_smart_file_seek(h, target, &cur), SMFR_OK);
+    EXPECT_EQ(cur, target);
+    EXPECT_EQ(x_smart_file_offset(h), target);
+    char buf[5000];
+    unsigned long got = 0;
+    int r = x_smart_file_read(h, buf, sizeof(buf), &got);
+    long long expect = std::min<long long>(5000, size - target);
+    EXPECT_TRUE(r == SMFR_OK || (r == SMFR_EOF && target + 5000 >= size)) << target << " " << r;
+    ASSERT_EQ(static_cast<long long>(got), expect) << target;
+    EXPECT_EQ(testsupport::patternMismatches(buf, target, expect), 0) << target;
+  }
+  long long cur = 0;
+  EXPECT_EQ(x_smart_file_seek(h, size + 12345, &cur), SMFR_OK);
+  EXPECT_EQ(cur, size);
+  EXPECT_EQ(x_smart_file_offset(h), size);
+  char buf[16];
+  unsigned long got = 99;
+  EXPECT_EQ(x_smart_file_read(h, buf, 16, &got), SMFR_EOF);
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+TEST(ReadSeek, SeekOnAnEmptyFileIsRefused) {
+  TempDir dir;
+  std::string path = dir.write("empty", "");
+  int h = 0;
+  ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+  LogCapture log(0);
+  long long cur = 77;
+  EXPECT_EQ(x_smart_file_seek(h, 10, &cur), SMFR_FAILED);
+  EXPECT_TRUE(log.contains("lseek in a 0 size of file"));
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+TEST(ReadSeek, TwoHandlesOnOneLocationShareAndReadIndependently) {
+  TempDir dir;
+  const long long size = 700000;
+  std::string path = testsupport::writePatternFile(dir, "f", size);
+  const int before = webs::DullFileManager::openCount();
+  int a = 0, b = 0;
+  ASSERT_EQ(x_smart_file_open(path.c_str(), &a), SMFR_OK);
+  ASSERT_EQ(x_smart_file_open(path.c_str(), &b), SMFR_OK);
+  EXPECT_EQ(webs::DullFileManager::openCount(), before + 1);
+  long long cur = 0;
+  ASSERT_EQ(x_smart_file_seek(b, 500000, &cur), SMFR_OK);
+  std::string fromA, fromB;
+  char buf[30000];
+  for (int i = 0; i < 5; ++i) {
+    unsigned long got = 0;
+    ASSERT_EQ(x_smart_file_read(a, buf, sizeof(buf), &got), SMFR_OK);
+    fromA.append(buf, got);
+    ASSERT_EQ(x_smart_file_read(b, buf, sizeof(buf), &got), SMFR_OK);
+    fromB.append(buf, got);
+  }
+  EXPECT_TRUE(fromA == patternBytes(0, 150000));
+  EXPECT_TRUE(fromB == patternBytes(500000, 150000));
+  EXPECT_EQ(x_smart_file_close(a), SMFR_OK);
+  EXPECT_EQ(webs::DullFileManager::openCount(), before + 1);
+  int code = 0;
+  std::string rest = testsupport::readAll(b, size, 12345, &code);
+  EXPECT_EQ(code, SMFR_EOF);
+  EXPECT_TRUE(rest == patternBytes(650000, size - 650000));
+  EXPECT_EQ(x_smart_file_close(b), SMFR_OK);
+  EXPECT_EQ(webs::DullFileManager::openCount(), before);
+}
+
+TEST(ReadSeek, LocationsDifferingInCaseDoNotShare) {
+  TempDir dir;
+  std::string lower = testsupport::writePatternFile(dir, "f", 1000);
+  std::string upper = testsupport::writePatternFile(dir, "F", 1000);
+  const int before = webs::DullFileManager::openCount();
+  int a = 0, b = 0, c = 0;
+  ASSERT_EQ(x_smart_file_open(lower.c_str(), &a), SMFR_OK);
+  ASSERT_EQ(x_smart_file_open(upper.c_str(), &b), SMFR_OK);
+  EXPECT_EQ(webs::DullFileManager::openCount(), before + 2);
+  LogCapture log(1);
+  ASSERT_EQ(x_smart_file_open(lower.c_str(), &c), SMFR_OK);
+  EXPECT_TRUE(log.contains("have got a existing dull file because this file is seekable and non-volatile"));
+  EXPECT_EQ(webs::DullFileManager::openCount(), before + 2);
+  for (int h : {a, b, c}) EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+  EXPECT_EQ(webs::DullFileManager::openCount(), before);
+}
+
+TEST(ReadSeek, BufferSizesOfTheHandle) {
+  TempDir dir;
+  std::string path = testsupport::writePatternFile(dir, "f", 200000);
+  int h = 0;
+  ASSERT_EQ(x_smart_file_open_x(path.c_str(), &h, 100000), SMFR_OK);
+  EXPECT_EQ(x_smart_file_bufferSize(h), 98304);
+  char buf[1000];
+  unsigned long got = 0;
+  ASSERT_EQ(x_smart_file_read(h, buf, sizeof(buf), &got), SMFR_OK);
+  EXPECT_GE(x_smart_file_bufferedSize(h), 0);
+  EXPECT_EQ(x_smart_file_volatile(h), SMFR_OK);
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+}  // namespace
