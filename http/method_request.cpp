@@ -21,6 +21,13 @@ void initCurlGlobalOnce() {
 
 }  // namespace
 
+static_assert(kTransferHostUnresolved == CURLE_COULDNT_RESOLVE_HOST, "libcurl code");
+static_assert(kTransferConnectFailed == CURLE_COULDNT_CONNECT, "libcurl code");
+static_assert(kTransferPartialFile == CURLE_PARTIAL_FILE, "libcurl code");
+static_assert(kTransferBodyRefused == CURLE_WRITE_ERROR, "libcurl code");
+static_assert(kTransferTimedOut == CURLE_OPERATION_TIMEDOUT, "libcurl code");
+static_assert(kTransferStopped == CURLE_ABORTED_BY_CALLBACK, "libcurl code");
+
 MethodRequest::MethodRequest() {
   initCurlGlobalOnce();
   std::memset(headerBuffer, 0, sizeof(headerBuffer));
@@ -157,6 +164,12 @@ int MethodRequest::executeGet(std::string const& url, long long from, long long 
   performing = false;
   notifyAll();
   return result;
+}
+
+long MethodRequest::getResponseCode() {
+  long code = 0;
+  if (curl != nullptr) curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
+  return code;
 }
 
 void MethodRequest::setBreak() {

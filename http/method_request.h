@@ -30,14 +30,14 @@
 #include "http/method_param_station.h"
 #include "http/moving_average.h"
 #include "http/requestor.h"
+#include "http/transfer_result.h"
 #include "thread/semaphore.h"
 
 namespace webs {
 
-// Results of executeGet besides HTTP codes and libcurl codes.
-constexpr int kResultBroken = -1;    // a break request met 2 s of silence
-constexpr int kResultStalled = -2;   // first-byte or stall limit reached
-constexpr int kResultNotFound = 404; // 200/206 with an empty body
+constexpr int kResultBroken = kTransferBroken;
+constexpr int kResultStalled = kTransferStalled;
+constexpr int kResultNotFound = 404;  // 200/206 with an empty body
 
 // Stall limits in microseconds.
 constexpr long kFirstByteLimitUs = 35000000;
@@ -98,6 +98,9 @@ class MethodRequest : public util::Semaphore {
   std::string buildUrl(std::string const& url);
 
   long long getFileSize() const { return fileSize.load(std::memory_order_relaxed); }
+  // The response code of the running transfer (0 before a status line).
+  // Only on the transfer's thread, e.g. inside Requestor::receive.
+  long getResponseCode();
 
   // Header analysis (method_request_headers.cpp).
   int headerContentIn(void* data, unsigned long size, unsigned long count);

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -297,6 +298,40 @@ TEST(MethodRequestTransfer, ParamRecordsReturnToTheStation) {
     EXPECT_EQ(m.buildUrl("http://h/p?x=1"), "http://h/p?x=1&a=1&b=2");
   }
   EXPECT_EQ(webs::MethodParamStation::_INS_.freeCount(), before + 2);
+}
+
+}  // namespace
+
+namespace {
+
+// Records the response code seen from inside the body callback.
+class CodeRecorder : public testsupport::CollectingRequestor {
+ public:
+  webs::MethodRequest* method = nullptr;
+  std::atomic<long> firstCode{-1};
+  int receive(void* data, int size, void* curl, int version) override {
+    long expected = -1;
+    firstCode.compare_exchange_strong(expected, method->getResponseCode());
+    return CollectingRequestor::receive(data, size, curl, version);
+  }
+};
+
+TEST(MethodRequestTransfer, ResponseCodeIsReadableFromTheBodyCallback) {
+  struct Case {
+    bool honourRange;
+    long code;
+  };
+  for (Case c : {Case{true, 206}, Case{false, 200}}) {
+    Script s = sized(1000);
+    s.honourRange = c.honourRange;
+    ScriptedHttpServer server(s);
+    CodeRecorder recorder;
+    webs::MethodRequest m;
+    recorder.method = &m;
+    m.initialize(&recorder, "");
+    EXPECT_EQ(m.executeGet(server.url(), 10, 0, 1), webs::kTransferOk);
+    EXPECT_EQ(recorder.firstCode.load(), c.code);
+  }
 }
 
 }  // namespace
