@@ -163,7 +163,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long startOfMissing(long long from, BlockIt* block);
   // Points wtHead at the place a connection starting at `from` writes to.
   long long prepareWriteHead(long long from);
-  bool connectionPending() const { return activeWorkNum_ >= 2; }
+  bool connectionPending() const { return startPending_ || activeWorkNum_ >= 2; }
 
   // Reading helpers, REQUIRES: streamLock_ held.
   bool fill(long long offset, unsigned long size, char* buffer, unsigned long* got, int mode);
@@ -225,6 +225,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool readerWaiting_ = false;     // a reader sleeps in fill/easyFill for data
   int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
   bool released_ = false;
+  bool startPending_ = false;      // a connection start is on its way to workBegin
   long long knownEnd_ = -1;        // where a to-the-end connection found the content's end
   long long connectionCount_ = 0;  // byte count the current connection was asked for
   unsigned long readSerial_ = 0;   // reads started, so breakRead waits for its read only

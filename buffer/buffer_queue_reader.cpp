@@ -29,6 +29,7 @@ int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
       BlockIt block;
       rangeBegin_ = seekable_ ? startOfMissing(readOffset_, &block) : 0;
       activeWorkNum_ = 1;
+      startPending_ = true;
     }
     startWorker();
     startMonitorFeeding();

@@ -251,6 +251,9 @@ void BufferQueue::resetStreaming() {
   activeWorkNum_ = activeWorkNum_ + 1;
   CV_LOG(0, "activeWorkNum:%d", activeWorkNum_.load());
   streamLive_ = false;
+  startPending_ = true;
+  // A writer sleeping for a free block belongs to the superseded connection.
+  if (writerWaiting_) streamLock_.notifyAll();
   {
     SyncGuard guard(taskLock_);
     ++pendingTasks_;

@@ -29,6 +29,8 @@ void BufferQueue::workBegin() {
   int version = 0;
   {
     SyncGuard guard(streamLock_);
+    // From here on this routine decides: later wishes may start another.
+    startPending_ = false;
     if (needExit()) {
       CV_LOG(1, "break from workBegin because of exit request");
       return;
