@@ -1,7 +1,12 @@
 # Helpers that keep every component folder's CMakeLists.txt short.
 
-set(CORVANE_WARNINGS -Wall -Wextra -Wpedantic -Wshadow=local -Wnon-virtual-dtor
+set(CORVANE_WARNINGS -Wall -Wextra -Wpedantic -Wnon-virtual-dtor
     -Wno-unused-parameter -Werror=return-type)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND CORVANE_WARNINGS -Wshadow=local)
+else()
+  list(APPEND CORVANE_WARNINGS -Wshadow)
+endif()
 
 if(CORVANE_SANITIZE)
   add_compile_options(-fsanitize=${CORVANE_SANITIZE} -fno-omit-frame-pointer -g)
