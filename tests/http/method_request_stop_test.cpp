@@ -31,13 +31,19 @@ TEST(MethodRequestStop, StopEndsARunningTransferWith42AndWaitsForIt) {
   ASSERT_TRUE(waitFor([&] { return get.requestor.received() >= 65536; }, 10000));
   auto stopAt = Clock::now();
   get.method.stop();
-  // stop() returns only once executeGet has ended.
-  EXPECT_TRUE(get.done.load());
+  long long bytesAtStop = get.requestor.received();
   EXPECT_LT(msSince(stopAt), 5000);
-  get.thread.join();
-  EXPECT_EQ(get.result.load(), CURLE_ABORTED_BY_CALLBACK);
+  // stop() returned once the perform had ended: executeGet comes back at
+  // once, no byte arrives after, and a second stop finds nothing active.
+  EXPECT_TRUE(waitFor([&] { return get.done.load(); }, 1000));
+  EXPECT_EQ(get.requestor.received(), bytesAtStop);
   EXPECT_TRUE(log.contains("notify curl to stop and wait stop end"));
   EXPECT_TRUE(log.contains("begin to break out from curl progress"));
+  log.clear();
+  get.method.stop();
+  EXPECT_TRUE(log.contains("MethodRequest begin to stop active = 0"));
+  get.thread.join();
+  EXPECT_EQ(get.result.load(), CURLE_ABORTED_BY_CALLBACK);
   std::string body = get.requestor.bytes();
   EXPECT_EQ(firstPatternMismatch(body.data(), 0, static_cast<long long>(body.size())), -1);
 }
