@@ -147,6 +147,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   void setStatus(int status);
   bool isFinalStatus(int status, int retry) const;
   bool refuseChunk(int version);
+  bool storeChunk(void* data, unsigned long size, int version);
   bool afterStore(BlockIt startHead, bool dropped);
   void handlePartialEnd();
   void handleCancel();
@@ -163,6 +164,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long startOfMissing(long long from, BlockIt* block);
   // Points wtHead at the place a connection starting at `from` writes to.
   long long prepareWriteHead(long long from);
+  void followReader();
   bool connectionPending() const { return startPending_ || activeWorkNum_ >= 2; }
 
   // Reading helpers, REQUIRES: streamLock_ held.
@@ -223,6 +225,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long producerPos_ = 0;      // offset of the next byte the producer sends
   long long activity_ = 0;         // chunks and events seen, for the monitor
   bool readerWaiting_ = false;     // a reader sleeps in fill/easyFill for data
+  long long wakeAt_ = 0;           // the write point at which that reader can go on
   int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
   bool released_ = false;
   bool startPending_ = false;      // a connection start is on its way to workBegin

@@ -63,6 +63,7 @@ long long BufferQueue::prepareWriteHead(long long from) {
   if (block != blocks_.end()) {
     CV_LOG(2, "directly use current block to fragmentStreaming");
     wtHead_ = block;
+    followReader();
     return start;
   }
   // A block to give up: the reader's own block if it is empty, else an
@@ -97,7 +98,16 @@ long long BufferQueue::prepareWriteHead(long long from) {
   wtHead_ = victim;
   contiguityCheckPending_ = true;
   if (std::next(victim) != blocks_.end()) checkErrorInsert(victim);
+  followReader();
   return start;
+}
+
+// The block choice of the writer goes by rdTail, so rdTail must mark the
+// reader's block at once, not only when the reader wakes: otherwise the
+// writer could give up the very block the reader waits for.
+// REQUIRES: streamLock_ held.
+void BufferQueue::followReader() {
+  if ((*wtHead_)->willContained(readOffset_)) rdTail_ = wtHead_;
 }
 
 bool BufferQueue::fragmentStreaming(long long offset, BlockIt it) {

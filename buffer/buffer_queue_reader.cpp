@@ -134,6 +134,7 @@ void BufferQueue::relocateReader(long long offset) {
 bool BufferQueue::waitForData(const char* breakText) {
   if (!breakReadRequested_ && !isFinalStatus(streamStatus_, retryCount_)) {
     readerWaiting_ = true;
+    wakeAt_ = 0;  // any chunk: the data is looked for afresh
     feedIfIdle();
     streamLock_.notifyAll();
     streamLock_.wait();
@@ -242,6 +243,11 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
     if (block != *wtHead_ || !streamLive_) feedRequested_ = true;
     if (!breakReadRequested_ && !isFinalStatus(streamStatus_, retryCount_)) {
       readerWaiting_ = true;
+      long long blockEnd = block->getBeginningSeqNum() + kBlockSize;
+      long long wanted = readOffset_ + static_cast<long long>(size - *got);
+      long long known = contentSize_;
+      if (known != 0 && wanted > known) wanted = known;
+      wakeAt_ = wanted < blockEnd ? wanted : blockEnd;
       feedIfIdle();
       streamLock_.notifyAll();
       streamLock_.wait();

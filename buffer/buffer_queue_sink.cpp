@@ -24,8 +24,21 @@ bool BufferQueue::refuseChunk(int version) {
 
 bool BufferQueue::streamIn(void* data, unsigned long size, int version) {
   SyncGuard guard(streamLock_);
-  // Wake only when someone sleeps on the lock: the hot path stays quiet.
-  if (readerWaiting_) streamLock_.notifyAll();
+  if (blocks_.empty()) return false;  // not initialised
+  BufferBlock* head = *wtHead_;
+  bool goOn = storeChunk(data, size, version);
+  // Wake a sleeping reader only when it can go on (its bytes are there, the
+  // write point moved to another block, or this connection ended): one
+  // wake-up per read rather than per chunk.
+  if (readerWaiting_ &&
+      (!goOn || *wtHead_ != head || (*wtHead_)->endSeqNum() >= wakeAt_)) {
+    streamLock_.notifyAll();
+  }
+  return goOn;
+}
+
+// The sink's work for one chunk. REQUIRES: streamLock_ held.
+bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
   retryCount_ = 0;
   ++activity_;
   int status = streamStatus_;
