@@ -130,6 +130,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long getTotalCapacity() const { return totalCapacity_; }
   int getRetryCount() const { return retryCount_.load(std::memory_order_relaxed); }
   int getActiveWorkNum() const { return activeWorkNum_.load(std::memory_order_relaxed); }
+  bool isReadInProgress() const { return readInProgress_.load(std::memory_order_relaxed); }
   bool isWriterWaiting() const { return writerWaiting_.load(std::memory_order_relaxed); }
   bool isFeedRequested() const { return feedRequested_.load(std::memory_order_relaxed); }
   long long getRangeBegin() const { return rangeBegin_.load(std::memory_order_relaxed); }

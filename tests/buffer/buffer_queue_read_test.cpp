@@ -117,7 +117,7 @@ TEST(BufferQueueRead, BreakReadReturnsABlockedReaderPromptly) {
     unsigned long got = 0;
     result = s.queue.read(buffer, 100, &got);
   });
-  ASSERT_TRUE(waitFor([&] { return s.producer.starts() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return s.queue.isReadInProgress(); }));
   s.queue.breakRead();
   reader.join();
   EXPECT_EQ(BufferQueue::SMFR_FAILED, result);
@@ -151,7 +151,7 @@ TEST(BufferQueueRead, DestroyingAQueueReturnsItsWaitingReader) {
     unsigned long got = 0;
     result = queue->read(buffer, 100, &got);
   });
-  ASSERT_TRUE(waitFor([&] { return producer.starts() == 1; }));
+  ASSERT_TRUE(waitFor([&] { return queue->isReadInProgress(); }));
   delete queue;
   reader.join();
   EXPECT_EQ(BufferQueue::SMFR_FAILED, result);
