@@ -3,6 +3,7 @@
 #include <atomic>
 
 #include "diag/log.h"
+#include "source/http_file_request.h"
 #include "source/local_file_request.h"
 
 namespace {
@@ -26,10 +27,7 @@ FileRequest* FileRequestAdaptor::createFileRequest(std::string const& location) 
   }
   switch (kindOf(location)) {
     case KIND_HTTP:
-      // HTTP and HTTPS locations are served by webs::HttpFileRequest, built
-      // here once the http source joins the library; until then they get no
-      // request, and the open fails as for an unknown scheme.
-      return nullptr;
+      return new webs::HttpFileRequest(location);
     case KIND_LOCAL:
       return new LocalFileRequest(location);
     case KIND_NONE:

@@ -1,0 +1,348 @@
+#include "source/http_file_request.h"
+
+#include <curl/curl.h>
+
+#include "diag/log.h"
+#include "http/transfer_result.h"
+#include "thread/rude_timer.h"
+#include "thread/sync_guard.h"
+
+namespace webs {
+
+HttpFileRequest::HttpFileRequest(std::string const& location) : FileRequest(location) {}
+
+HttpFileRequest::~HttpFileRequest() {
+  // The owner releases (stops) before deleting; a transfer still running
+  // here would use a dead object, so make sure none is.
+  stopStreaming();
+}
+
+bool HttpFileRequest::initialize() {
+  method.initialize(this, "");
+  return true;
+}
+
+int HttpFileRequest::startStreaming(int ver, long long start, long long cnt) {
+  if (out == nullptr) return -1;
+  version = ver;
+  running.store(true, std::memory_order_relaxed);
+  from = start;
+  count = cnt;
+  CV_LOG(0, "begin to start requestCount=%lld", cnt);
+  received = 0;
+  sendRequest();
+  return 0;
+}
+
+int HttpFileRequest::stopStreaming() {
+  CV_LOG(0, "begin to stop streaming");
+  {
+    util::SyncGuard guard(*this);
+    running.store(false, std::memory_order_relaxed);
+  }
+  // Not under our lock: the transfer thread may need it (wakeWaiters) before
+  // it reaches the progress callback that lets method.stop() return.
+  method.stop();
+  {
+    util::SyncGuard guard(*this);
+    while (!finished) wait();
+  }
+  CV_LOG(0, "End to stop streaming");
+  return 0;
+}
+
+void HttpFileRequest::release() { stopStreaming(); }
+
+void HttpFileRequest::setBreak() {
+  CV_LOG(0, "HttpFileRequest::call setBreak");
+  method.setBreak();
+}
+
+void HttpFileRequest::wakeWaiters() {
+  util::SyncGuard guard(*this);
+  notifyAll();
+}
+
+void HttpFileRequest::sendRequest() {
+  long long start;
+  long long last;
+  {
+    util::SyncGuard guard(*this);
+    if (!running.load(std::memory_order_relaxed)) {
+      util::SyncUnguard unguard(*this);
+      CV_LOG(0, "alive == fasle, stopStream here  !");
+      return;
+    }
+    CV_LOG(0, "http begin to get from:%s, %lld~%lld", location.c_str(), from, count);
+    finished = false;
+    start = from;
+    last = count != 0 ? from + count - 1 : 0;
+  }
+  if (headerChecked && !seekable.load(std::memory_order_relaxed) && from >= 1) {
+    CV_LOG(-4, "server not support seek, but requestOffset is %lld, so download data from 0", from);
+    start = 0;
+  }
+  int result = method.executeGet(location, start, last, version);
+  CV_LOG(0, "errorCode:%d", result);
+  int event = eventForResult(result);
+  // The event goes out before `finished` is set, so a stopStreaming returns
+  // only after the sink has heard the end; the sink is called unlocked.
+  if (out != nullptr) out->notifyStreamException(event);
+  util::SyncGuard guard(*this);
+  finished = true;
+  notifyAll();
+}
+
+int HttpFileRequest::eventForResult(int result) {
+  bool gjz = featureFlag.load(std::memory_order_relaxed) == kFeatureFlagGJZ;
+  if (result >= 400) {
+    downloadStatus.store(result, std::memory_order_relaxed);
+    return (result >= 500 && result < 600) ? util::EVENT_STREAM_NOT_AVAILABLE
+                                           : util::EVENT_STREAM_NOT_FOUND;
+  }
+  switch (result) {
+    case kTransferOk: {
+      long long size = contentSize.load(std::memory_order_relaxed);
+      if (size == 0 || size == kUnknownContentSize) {
+        contentSize.store(method.getFileSize(), std::memory_order_relaxed);
+        CV_LOG(0, "setFileSize: %lld", contentSize.load(std::memory_order_relaxed));
+      }
+      CV_LOG(0, "[QM]return EVENT_STREAM_PARTIAL_END");
+      return util::EVENT_STREAM_PARTIAL_END;
+    }
+    case kTransferPartialFile:
+      CV_LOG(0, "[QM]return EVENT_STREAM_PARTIAL_END");
+      return util::EVENT_STREAM_PARTIAL_END;
+    case kTransferHostUnresolved:
+      downloadStatus.store(DOWNLOAD_DNS_UNABLE_RESOLVED, std::memory_order_relaxed);
+      if (gjz) {
+        CV_LOG(0, "GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED");
+        return util::EVENT_STREAM_ERROR;
+      }
+      CV_LOG(0, "NO GJZ CASE, couldn't resolve host");
+      return util::EVENT_STREAM_NOT_FOUND;
+    case kTransferConnectFailed: {
+      long socketError = method.getErrno();
+      if (socketError == kSocketHostUnreachable) {
+        downloadStatus.store(DOWNLOAD_CONNECT_FAIL, std::memory_order_relaxed);
+        CV_LOG(0, "set status DOWNLOAD_CONNECT_FAIL");
+      } else if (socketError == kSocketConnectRefused) {
+        downloadStatus.store(DOWNLOAD_CONNECT_REJECT, std::memory_order_relaxed);
+        CV_LOG(0, "set status DOWNLOAD_CONNECT_REJECT");
+      }
+      CV_LOG(0, "notify EVENT_STREAM_ERROR");
+      return util::EVENT_STREAM_NOT_FOUND;
+    }
+    case kTransferBodyRefused:
+      return util::EVENT_STREAM_CANCEL;
+    case kTransferTimedOut:
+      downloadStatus.store(DOWNLOAD_TIMEOUT, std::memory_order_relaxed);
+      return util::EVENT_STREAM_TIMEOUT;
+    case kTransferStopped:
+      downloadStatus.store(DOWNLOAD_DISCONNECTED, std::memory_order_relaxed);
+      CV_LOG(-5, "aborted by callback :%d", result);
+      CV_LOG(-5, "disconnection");
+      return util::EVENT_STREAM_CANCEL;
+    case kTransferBroken:
+      downloadStatus.store(DOWNLOAD_DISCONNECTED, std::memory_order_relaxed);
+      CV_LOG(0, "connection is dead");
+      return util::EVENT_STREAM_DEAD;
+    case kTransferStalled:
+      downloadStatus.store(DOWNLOAD_NOT_REVEIVE_DATA, std::memory_order_relaxed);
+      if (gjz) {
+        CV_LOG(0, "GJZ Case DOWNLOAD_NOT_REVEIVE_DATA");
+        return util::EVENT_STREAM_TIMEOUT;
+      }
+      return util::EVENT_STREAM_NOT_FOUND;
+    default:
+      CV_LOG(0, "HttpFileRequest error:%d ", result);
+      return util::EVENT_STREAM_ERROR;
+  }
+}
+
+int HttpFileRequest::receive(void* data, int size, void* curl, int ver) {
+  if (!headerChecked && !analyseFirstChunk(curl)) return 0;
+  if (out != nullptr && !deliver(data, size, ver)) {
+    CV_LOG(0, "to terminate http perform");
+    return 0;
+  }
+  if (running.load(std::memory_order_relaxed)) return size;
+  spinWhileStopWait(true);
+  return 0;
+}
+
+bool HttpFileRequest::analyseFirstChunk(void* curl) {
+  CV_LOG(0, "first time receive , get content length !!");
+  long code = method.getResponseCode();
+  CV_LOG(0, "response code: %d !!", static_cast<int>(code));
+  if (code == 0) {
+    contentSize.store(0, std::memory_order_relaxed);
+    seekable.store(false, std::memory_order_relaxed);
+    takeUnknownSize(code);
+  } else if (code != 200 && code != 206 && code < 400) {
+    wakeWaiters();
+    if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_ERROR);
+    CV_LOG(0, "http error %d", static_cast<int>(code));
+    return false;
+  } else if (code >= 400) {
+    CV_LOG(-4, "error, the server send %d respond code", static_cast<int>(code));
+    return false;
+  } else {
+    curl_off_t length = -1;
+    curl_easy_getinfo(static_cast<CURL*>(curl), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+    long long size = static_cast<long long>(length);
+    CV_LOG(0, "contentSize:%lld", size);
+    if ((size < kSmallContentSize && !method.checkFromContentLength()) || size <= 0) {
+      CV_LOG(0, "got contentSize is too small:%lld", size);
+      takeUnknownSize(code);
+    } else if (code == 200) {
+      contentSize.store(size, std::memory_order_relaxed);
+      CV_LOG(0, "got http:200 double check if server still support seek");
+      if (method.isRangeGet()) {
+        CV_LOG(0, "contain range request, but server return 200, try check seek");
+      } else {
+        CV_LOG(0, "check seekable");
+      }
+      bool seek = method.seekAbleCheckFromResponse();
+      seekable.store(seek, std::memory_order_relaxed);
+      CV_LOG(0, "double check seek:%d", seek ? 1 : 0);
+    } else {
+      // A 206 answer's length is that of the range asked for, which is the
+      // whole size only for an open range from 0; the total of its
+      // Content-Range is the size whenever the server gives one.
+      long long total = method.getSizeFromResponseRange();
+      contentSize.store(total > 0 ? total : size, std::memory_order_relaxed);
+      seekable.store(true, std::memory_order_relaxed);
+    }
+  }
+  method.setSupportSeek(seekable.load(std::memory_order_relaxed));
+  headerChecked = true;
+  wakeWaiters();
+  if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_NORMAL);
+  return true;
+}
+
+void HttpFileRequest::takeUnknownSize(long code) {
+  if (code == 206) {
+    long long total = method.getSizeFromResponseRange();
+    if (total == 0) {
+      seekable.store(false, std::memory_order_relaxed);
+      contentSize.store(kUnknownContentSize, std::memory_order_relaxed);
+      CV_LOG(0, "Can't get size from content-range, don't support seek");
+    } else {
+      seekable.store(true, std::memory_order_relaxed);
+      contentSize.store(total, std::memory_order_relaxed);
+      CV_LOG(0, "new revise content size is:%lld", total);
+    }
+    return;
+  }
+  seekable.store(false, std::memory_order_relaxed);
+  contentSize.store(kUnknownContentSize, std::memory_order_relaxed);
+  CV_LOG(0, "Can't get size from the network file");
+}
+
+bool HttpFileRequest::deliver(void* data, int size, int ver) {
+  bool accepted;
+  if (seekable.load(std::memory_order_relaxed) || from == 0) {
+    received += size;
+    accepted = out->streamIn(data, static_cast<unsigned long>(size), ver);
+    spinWhileStopWait(true);
+  } else {
+    // The transfer began at 0 because the server cannot start elsewhere:
+    // only the bytes from `from` on are what the queue asked for.
+    long long chunkStart = received;
+    received += size;
+    if (received <= from) return true;
+    long long skip = from > chunkStart ? from - chunkStart : 0;
+    accepted = out->streamIn(static_cast<char*>(data) + skip,
+                             static_cast<unsigned long>(size - skip), ver);
+    spinWhileStopWait(false);
+  }
+  return accepted;
+}
+
+void HttpFileRequest::spinWhileStopWait(bool logEachTurn) {
+  // The queue sets the stop-wait mark while it prepares a stop; the chunk
+  // path holds still until method.stop() clears it. A millisecond per turn
+  // keeps the spin from burning a core.
+  while (method.getStopWait()) {
+    if (logEachTurn) CV_LOG(0, "wait stop flag");
+    util::delay(1);
+  }
+}
+
+void HttpFileRequest::setUserAgent(std::string const& value) {
+  CV_LOG(0, "set UAString = %s", value.c_str());
+  {
+    util::SyncGuard guard(*this);
+    userAgent = value;
+  }
+  method.setUserAgent(value);
+}
+
+void HttpFileRequest::setProxy(std::string const& value) {
+  CV_LOG(0, "set http proxy :%s", value.c_str());
+  {
+    util::SyncGuard guard(*this);
+    proxy = value;
+  }
+  method.setProxy(value);
+}
+
+void HttpFileRequest::setCookie(std::string const& value) {
+  CV_LOG(0, "set http cookie :%s", value.c_str());
+  {
+    util::SyncGuard guard(*this);
+    cookie = value;
+  }
+  method.setCookie(value);
+}
+
+void HttpFileRequest::setCAPath(std::string const& value) {
+  CV_LOG(0, "set CA path:%s", value.c_str());
+  method.setCAPath(value);
+}
+
+void HttpFileRequest::setCA(std::string const& value) {
+  CV_LOG(0, "set CA Info:%s", value.c_str());
+  method.setCA(value);
+}
+
+void HttpFileRequest::setClientAuthertication(std::string const& value) {
+  CV_LOG(0, "set Client Authertication:%s", value.c_str());
+  method.setClientAuthertication(value);
+}
+
+void HttpFileRequest::setPrivateKey(std::string const& value) {
+  CV_LOG(0, "set Private Key:%s", value.c_str());
+  method.setPrivateKey(value);
+}
+
+void HttpFileRequest::setKeyType(std::string const& value) {
+  CV_LOG(0, "set Key Type:%s", value.c_str());
+  method.setKeyType(value);
+}
+
+void HttpFileRequest::setIpResolve(std::string const& value) {
+  CV_LOG(0, "set ip resolve:%s", value.c_str());
+  method.setIpResolve(value);
+}
+
+void HttpFileRequest::setSpeed(long long bytesPerSecond) {
+  CV_LOG(0, "set speed:%lld", bytesPerSecond);
+  method.setSpeed(bytesPerSecond);
+}
+
+void HttpFileRequest::setFeatureFlag(int flag) {
+  CV_LOG(-4, "set feature flag:%d", flag);
+  featureFlag.store(flag, std::memory_order_relaxed);
+  method.setMethodFeatureFlag(flag);
+}
+
+int HttpFileRequest::getDownloadStatus() {
+  int status = downloadStatus.load(std::memory_order_relaxed);
+  CV_LOG(0, "download status:%d", status);
+  return status;
+}
+
+}  // namespace webs

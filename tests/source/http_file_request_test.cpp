@@ -1,0 +1,348 @@
+// webs::HttpFileRequest driven against the scripted server with a recording
+// sink: size and seekability from the first answer, delivery from the
+// requested offset, and the end of each transfer as a stream event and a
+// download status.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "source/file_request_adaptor.h"
+#include "source/http_file_request.h"
+#include "source/recording_sink.h"
+#include "support/log_capture.h"
+#include "support/scripted_http_server.h"
+#include "support/wait.h"
+
+using testsupport::firstPatternMismatch;
+using testsupport::LogCapture;
+using testsupport::Script;
+using testsupport::ScriptedHttpServer;
+using testsupport::waitFor;
+
+namespace {
+
+constexpr long long kUnknown = 0x0FFFFFFFFFFFFFFFLL;
+
+// Also notes what the source reports at the moment it announces the start
+// (event 0), which is when the queue asks for it.
+class ObservingSink : public RecordingSink {
+ public:
+  explicit ObservingSink(FileRequest* request) : request_(request) {}
+  void notifyStreamException(int event) override {
+    if (event == util::EVENT_STREAM_NORMAL) {
+      sizeAtStart = request_->getContentSize();
+      seekableAtStart = request_->isRandomAccess();
+    }
+    RecordingSink::notifyStreamException(event);
+  }
+  std::atomic<long long> sizeAtStart{-1};
+  std::atomic<bool> seekableAtStart{false};
+
+ private:
+  FileRequest* request_;
+};
+
+struct Source {
+  explicit Source(const std::string& url) : request(url), sink(&request) {
+    EXPECT_TRUE(request.initialize());
+    request.setOut(&sink);
+  }
+  webs::HttpFileRequest request;
+  ObservingSink sink;
+};
+
+// Every byte the sink got is the pattern from `from`, and all versions are
+// `version`.
+void expectPatternFrom(const RecordingSink& sink, long long from, long long size, int version) {
+  std::string bytes = sink.bytes();
+  EXPECT_EQ(static_cast<long long>(bytes.size()), size - from);
+  EXPECT_EQ(firstPatternMismatch(bytes.data(), from, static_cast<long long>(bytes.size())), -1);
+  for (const RecordedChunk& chunk : sink.chunks()) EXPECT_EQ(chunk.version, version);
+}
+
+// A loopback port nobody listens on.
+int closedPort() {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+  socklen_t len = sizeof(addr);
+  getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
+  close(fd);
+  return ntohs(addr.sin_port);
+}
+
+// What the first answer says about the resource.
+struct FirstAnswerCase {
+  const char* name;
+  Script script;
+  long long from;
+  long long sizeAtStart;  // what getContentSize() answers at event 0
+  bool seekable;
+  long long sizeAtEnd;
+};
+
+Script scriptOf(long long size, bool honourRange, bool contentLength) {
+  Script s;
+  s.size = size;
+  s.honourRange = honourRange;
+  s.contentLength = contentLength;
+  return s;
+}
+
+class FirstAnswer : public ::testing::TestWithParam<FirstAnswerCase> {};
+
+TEST_P(FirstAnswer, SizeSeekabilityAndBytesFromTheRequestedOffset) {
+  const FirstAnswerCase& c = GetParam();
+  ScriptedHttpServer server(c.script);
+  Source source(server.url());
+  EXPECT_EQ(source.request.startStreaming(4, c.from, 0), 0);
+  EXPECT_EQ(source.sink.events(), (std::vector<int>{util::EVENT_STREAM_NORMAL,
+                                                   util::EVENT_STREAM_PARTIAL_END}));
+  EXPECT_EQ(source.sink.sizeAtStart.load(), c.sizeAtStart);
+  EXPECT_EQ(source.sink.seekableAtStart.load(), c.seekable);
+  EXPECT_EQ(source.request.isRandomAccess(), c.seekable);
+  EXPECT_EQ(source.request.getContentSize(), c.sizeAtEnd);
+  expectPatternFrom(source.sink, c.from, c.script.size, 4);
+  EXPECT_EQ(source.request.getDownloadStatus(), 0);
+  ASSERT_EQ(server.requestCount(), 1);
+  EXPECT_EQ(server.requests()[0].header("Range"), "bytes=" + std::to_string(c.from) + "-");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, FirstAnswer,
+    ::testing::Values(
+        FirstAnswerCase{"RangedStart", scriptOf(3 << 20, true, true), 100000, 3 << 20, true,
+                        3 << 20},
+        FirstAnswerCase{"RangedStartAtZero", scriptOf(1 << 20, true, true), 0, 1 << 20, true,
+                        1 << 20},
+        // The server sends the whole file from 0: not seekable, and the
+        // bytes before the requested offset are dropped.
+        FirstAnswerCase{"RangeIgnored", scriptOf(2 << 20, false, true), 70000, 2 << 20, false,
+                        2 << 20},
+        // A trusted short length.
+        FirstAnswerCase{"Small200WithLength", scriptOf(500, false, true), 0, 500, false, 500},
+        FirstAnswerCase{"SizeOnlyFromContentRange", scriptOf(300000, true, false), 12345, 300000,
+                        true, 300000},
+        // No size until the end of the transfer gives it.
+        FirstAnswerCase{"UnknownSize", scriptOf(200000, false, false), 0, kUnknown, false,
+                        200000}),
+    [](const ::testing::TestParamInfo<FirstAnswerCase>& p) { return p.param.name; });
+
+TEST(HttpFileRequest, NonSeekableRestartRequestsFromZeroAndSkipsToTheOffset) {
+  Script s = scriptOf(1 << 20, false, true);
+  ScriptedHttpServer server(s);
+  Source source(server.url());
+  ASSERT_EQ(source.request.startStreaming(1, 0, 65536), 0);
+  ASSERT_FALSE(source.request.isRandomAccess());
+  source.sink.clear();
+  LogCapture log(-4);
+  // 32768 + 1 is not a chunk boundary, so one chunk is cut in the middle.
+  ASSERT_EQ(source.request.startStreaming(2, 32769, 0), 0);
+  EXPECT_TRUE(log.contains(
+      "server not support seek, but requestOffset is 32769, so download data from 0"));
+  expectPatternFrom(source.sink, 32769, 1 << 20, 2);
+  ASSERT_EQ(server.requestCount(), 2);
+  EXPECT_EQ(server.requests()[1].header("Range"), "bytes=0-");
+}
+
+TEST(HttpFileRequest, BoundedStartSendsTheLastByteWanted) {
+  ScriptedHttpServer server(scriptOf(1 << 20, true, true));
+  Source source(server.url());
+  ASSERT_EQ(source.request.startStreaming(1, 1000, 5000), 0);
+  ASSERT_EQ(server.requestCount(), 1);
+  EXPECT_EQ(server.requests()[0].header("Range"), "bytes=1000-5999");
+  std::string bytes = source.sink.bytes();
+  EXPECT_EQ(bytes.size(), 5000u);
+  EXPECT_EQ(firstPatternMismatch(bytes.data(), 1000, 5000), -1);
+  // The size of a ranged answer is the resource's, not the range's.
+  EXPECT_EQ(source.request.getContentSize(), 1 << 20);
+}
+
+// How a failed transfer ends.
+struct FailureCase {
+  const char* name;
+  int status;        // scripted answer status (0: no server at all)
+  std::vector<int> events;
+  int downloadStatus;
+};
+
+class FailedTransfer : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(FailedTransfer, EndsWithItsEventAndStatus) {
+  const FailureCase& c = GetParam();
+  Script s;
+  s.status = c.status;
+  s.body = "no such thing";
+  ScriptedHttpServer server(s);
+  std::string url =
+      c.status != 0 ? server.url() : "http://127.0.0.1:" + std::to_string(closedPort()) + "/f";
+  Source source(url);
+  EXPECT_EQ(source.request.startStreaming(1, 0, 0), 0);
+  EXPECT_EQ(source.sink.events(), c.events);
+  EXPECT_EQ(source.request.getDownloadStatus(), c.downloadStatus);
+  EXPECT_TRUE(source.sink.chunks().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, FailedTransfer,
+    ::testing::Values(
+        FailureCase{"NotFound", 404, {util::EVENT_STREAM_NOT_FOUND}, 404},
+        FailureCase{"Forbidden", 403, {util::EVENT_STREAM_NOT_FOUND}, 403},
+        FailureCase{"Unavailable", 503, {util::EVENT_STREAM_NOT_AVAILABLE}, 503},
+        FailureCase{"InternalError", 500, {util::EVENT_STREAM_NOT_AVAILABLE}, 500},
+        // Neither content nor an error: the source says so itself and the
+        // refused body then ends the transfer as cancelled.
+        FailureCase{"NonContentSuccess",
+                    203,
+                    {util::EVENT_STREAM_ERROR, util::EVENT_STREAM_CANCEL},
+                    0},
+        FailureCase{"ConnectionRefused",
+                    0,
+                    {util::EVENT_STREAM_NOT_FOUND},
+                    webs::DOWNLOAD_CONNECT_REJECT}),
+    [](const ::testing::TestParamInfo<FailureCase>& p) { return p.param.name; });
+
+TEST(HttpFileRequest, RefusedConnectionLogsItsStatus) {
+  Source source("http://127.0.0.1:" + std::to_string(closedPort()) + "/f");
+  LogCapture log(0);
+  source.request.startStreaming(1, 0, 0);
+  EXPECT_TRUE(log.contains("set status DOWNLOAD_CONNECT_REJECT"));
+  EXPECT_TRUE(log.contains("notify EVENT_STREAM_ERROR"));
+}
+
+struct UnresolvedCase {
+  int featureFlag;
+  int event;
+  const char* log;
+};
+
+class UnresolvableHost : public ::testing::TestWithParam<UnresolvedCase> {};
+
+TEST_P(UnresolvableHost, EndsAsNotFoundOrAsRetriableError) {
+  const UnresolvedCase& c = GetParam();
+  Source source("http://no-such-host.invalid/file");
+  LogCapture log(0);
+  source.request.setFeatureFlag(c.featureFlag);
+  EXPECT_EQ(source.request.startStreaming(1, 0, 0), 0);
+  EXPECT_EQ(source.sink.events(), std::vector<int>{c.event});
+  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DNS_UNABLE_RESOLVED);
+  EXPECT_TRUE(log.contains(c.log));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Flags, UnresolvableHost,
+    ::testing::Values(UnresolvedCase{-1, util::EVENT_STREAM_NOT_FOUND,
+                                     "NO GJZ CASE, couldn't resolve host"},
+                      UnresolvedCase{1, util::EVENT_STREAM_ERROR,
+                                     "GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED"}),
+    [](const ::testing::TestParamInfo<UnresolvedCase>& p) {
+      return p.param.featureFlag == 1 ? std::string("GJZ") : std::string("Default");
+    });
+
+TEST(HttpFileRequest, StopDuringTransferEndsWithCancelAndDisconnected) {
+  Script s;
+  s.size = 4 << 20;
+  s.stallAfter = 65536;
+  s.stallMs = 20000;
+  ScriptedHttpServer server(s);
+  Source source(server.url());
+  std::atomic<bool> returned{false};
+  std::thread worker([&] {
+    source.request.startStreaming(1, 0, 0);
+    returned = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return source.sink.bytes().size() >= 65536; }, 10000));
+  LogCapture log(0);
+  source.request.stopStreaming();
+  // stopStreaming waits for the end: the event is there when it returns.
+  std::vector<int> events = source.sink.events();
+  ASSERT_FALSE(events.empty());
+  EXPECT_EQ(events.back(), util::EVENT_STREAM_CANCEL);
+  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DISCONNECTED);
+  EXPECT_TRUE(log.contains("begin to stop streaming"));
+  EXPECT_TRUE(log.contains("End to stop streaming"));
+  EXPECT_TRUE(waitFor([&] { return returned.load(); }, 5000));
+  worker.join();
+  expectPatternFrom(source.sink, 0, static_cast<long long>(source.sink.bytes().size()), 1);
+}
+
+TEST(HttpFileRequest, RefusedChunkEndsTheTransferAsCancelled) {
+  ScriptedHttpServer server(scriptOf(4 << 20, true, true));
+  Source source(server.url());
+  source.sink.refuseAfter(1);
+  LogCapture log(0);
+  ASSERT_EQ(source.request.startStreaming(1, 0, 0), 0);
+  EXPECT_EQ(source.sink.events(),
+            (std::vector<int>{util::EVENT_STREAM_NORMAL, util::EVENT_STREAM_CANCEL}));
+  EXPECT_EQ(source.sink.refused(), 1);
+  EXPECT_TRUE(log.contains("to terminate http perform"));
+  EXPECT_EQ(source.request.getDownloadStatus(), 0);
+}
+
+TEST(HttpFileRequest, StartWithoutSinkIsRefusedAndStopWhenIdleReturns) {
+  ScriptedHttpServer server(scriptOf(1000, true, true));
+  webs::HttpFileRequest request(server.url());
+  ASSERT_TRUE(request.initialize());
+  EXPECT_EQ(request.startStreaming(1, 0, 0), -1);
+  EXPECT_EQ(server.requestCount(), 0);
+  EXPECT_EQ(request.stopStreaming(), 0);
+  EXPECT_EQ(request.getRequestType(), 1);
+  EXPECT_FALSE(request.isRandomAccess());
+  EXPECT_EQ(request.getContentSize(), 0);
+}
+
+TEST(HttpFileRequest, SettersLogTheirValueAndReachTheWire) {
+  ScriptedHttpServer server(scriptOf(1000, true, true));
+  Source source(server.url());
+  LogCapture log(0);
+  source.request.setUserAgent("TestAgent/1");
+  source.request.setCookie("a=b");
+  source.request.setProxy("");
+  source.request.setCAPath("/nonexistent/ca");
+  source.request.setCA("/nonexistent/ca.pem");
+  source.request.setClientAuthertication("");
+  source.request.setPrivateKey("");
+  source.request.setKeyType("PEM");
+  source.request.setIpResolve("IPv4");
+  source.request.setSpeed(0);
+  source.request.setFeatureFlag(7);
+  for (const char* line :
+       {"set UAString = TestAgent/1", "set http cookie :a=b", "set http proxy :",
+        "set CA path:/nonexistent/ca", "set CA Info:/nonexistent/ca.pem",
+        "set Client Authertication:", "set Private Key:", "set Key Type:PEM",
+        "set ip resolve:IPv4", "set speed:0", "set feature flag:7"}) {
+    EXPECT_TRUE(log.contains(line)) << line;
+  }
+  ASSERT_EQ(source.request.startStreaming(1, 0, 0), 0);
+  ASSERT_EQ(server.requestCount(), 1);
+  EXPECT_EQ(server.requests()[0].header("User-Agent"), "TestAgent/1");
+  EXPECT_EQ(server.requests()[0].header("Cookie"), "a=b");
+  log.clear();
+  EXPECT_EQ(source.request.getDownloadStatus(), 0);
+  EXPECT_TRUE(log.contains("download status:0"));
+  char ip[64] = {0};
+  EXPECT_EQ(source.request.getUrlIP(ip), 0);
+  EXPECT_STREQ(ip, "127.0.0.1");
+}
+
+TEST(HttpFileRequest, AdaptorBuildsTheHttpSourceForBothSchemes) {
+  for (const char* location : {"http://127.0.0.1/a", "https://127.0.0.1/a", "/x/http://h/a"}) {
+    std::unique_ptr<FileRequest> request(FileRequestAdaptor::createFileRequest(location));
+    ASSERT_NE(request, nullptr) << location;
+    EXPECT_EQ(request->getRequestType(), 1) << location;
+    EXPECT_NE(dynamic_cast<webs::HttpFileRequest*>(request.get()), nullptr) << location;
+  }
+}
+
+}  // namespace
