@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -100,6 +101,8 @@ Script scriptOf(long long size, bool honourRange, bool contentLength) {
   return s;
 }
 
+void PrintTo(const FirstAnswerCase& c, std::ostream* os) { *os << c.name; }
+
 class FirstAnswer : public ::testing::TestWithParam<FirstAnswerCase> {};
 
 TEST_P(FirstAnswer, SizeSeekabilityAndBytesFromTheRequestedOffset) {
@@ -177,6 +180,8 @@ struct FailureCase {
   int downloadStatus;
 };
 
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
 class FailedTransfer : public ::testing::TestWithParam<FailureCase> {};
 
 TEST_P(FailedTransfer, EndsWithItsEventAndStatus) {
@@ -226,6 +231,8 @@ struct UnresolvedCase {
   int event;
   const char* log;
 };
+
+void PrintTo(const UnresolvedCase& c, std::ostream* os) { *os << "flag " << c.featureFlag; }
 
 class UnresolvableHost : public ::testing::TestWithParam<UnresolvedCase> {};
 
