@@ -75,6 +75,7 @@ int LocalFileRequest::startStreaming(int ver, long long from, long long cnt) {
   CV_LOG(0, "file offset:%d", static_cast<int>(static_cast<long long>(stream.tellg())));
   stopped = false;
   reading = true;
+  ++startsRequested;
   thread.start(this);
   CV_LOG(1, "local start streaming end");
   return 0;
@@ -85,16 +86,22 @@ int LocalFileRequest::stopStreaming() {
   CV_LOG(1, "begin to stop LocalFile streaming");
   thread.stop(false);
   stopped = true;
+  if (startsTaken != startsRequested) {
+    startsTaken = startsRequested;
+    reading = false;
+  }
   CV_LOG(1, " stop LocalFile streaming OK");
-  release();
+  closeStream();
   notifyAll();
   return 0;
 }
 
 void LocalFileRequest::release() {
-  // Called under the lock by stopStreaming and without it by the adaptor
-  // before deletion, when no start can come any more; the lock is not
-  // recursive, so it is not taken here.
+  util::SyncGuard guard(*this);
+  closeStream();
+}
+
+void LocalFileRequest::closeStream() {
   CV_LOG(1, "file relsease begin");
   if (stream.is_open()) stream.close();
   CV_LOG(1, "file relsease end");
@@ -136,6 +143,8 @@ void* LocalFileRequest::perform(void* arg) {
   int ver;
   {
     util::SyncGuard guard(*self);
+    if (!self->reading || self->startsTaken == self->startsRequested) return nullptr;
+    self->startsTaken = self->startsRequested;
     self->readerThread = pthread_self();
     wanted = self->count;
     ver = self->version;

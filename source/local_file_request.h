@@ -52,7 +52,8 @@ class LocalFileRequest : public FileRequest, public util::Semaphore {
   static void* perform(void* self);
 
  private:
-  bool openStream();  // REQUIRES: lock held
+  bool openStream();   // REQUIRES: lock held
+  void closeStream();  // REQUIRES: lock held; release() without taking it
 
   std::ifstream stream;
   util::ThreadObject thread;
@@ -66,6 +67,12 @@ class LocalFileRequest : public FileRequest, public util::Semaphore {
   // cannot tell a running reader from a stopped one; these fields do.
   std::atomic<bool> reading{false};
   pthread_t readerThread{};  // valid while `reading`; guarded by the lock
+  // Starts requested and runs that took one up, under the lock. A stop that
+  // comes before the thread took its request up drops it (the thread object
+  // forgets a pending request on stop), so the stop retires it here; a run
+  // of perform that finds no request left does nothing.
+  long long startsRequested = 0;
+  long long startsTaken = 0;
 };
 
 #endif  // CORVANE_SOURCE_LOCAL_FILE_REQUEST_H_
