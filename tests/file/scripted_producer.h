@@ -44,7 +44,13 @@ class ScriptedProducer : public FileRequest {
     return new ScriptedProducer(location);
   }
   struct Install {
-    Install() { FileRequestAdaptor::setFactoryForTesting(&ScriptedProducer::factory); }
+    Install() {
+      {
+        std::lock_guard<std::mutex> lock(gateMutex());
+        spoken() = false;
+      }
+      FileRequestAdaptor::setFactoryForTesting(&ScriptedProducer::factory);
+    }
     ~Install() { FileRequestAdaptor::setFactoryForTesting(nullptr); }
   };
 
