@@ -1,24 +1,20 @@
 // Access from the C interface to a handle's HTTP source.
 //
 // The HTTP setters and getters act only when the handle's FileRequest answers
-// getRequestType() 1; every other source takes the not-HTTP path. The calls
-// into webs::HttpFileRequest are compiled in as soon as the HTTP source's
-// header is part of the tree.
+// getRequestType() 1; every other source takes the not-HTTP path.
 #ifndef CORVANE_API_HTTP_SOURCE_H_
 #define CORVANE_API_HTTP_SOURCE_H_
 
 #include "file/smart_file.h"
 #include "source/file_request.h"
 
-#if __has_include("source/http_file_request.h")
 #include "source/http_file_request.h"
-#define CORVANE_HTTP_SOURCE 1
+
 namespace api {
 inline webs::HttpFileRequest* asHttp(FileRequest* request) {
   return static_cast<webs::HttpFileRequest*>(request);
 }
 }  // namespace api
-#endif
 
 namespace api {
 

@@ -28,22 +28,27 @@ enum class NullText { kNotHttp, kFailedFirst };
 // the handle check (-4, "NULL POINT\n") or answered as not HTTP (-1).
 template <typename Setter>
 int setText(int handle, const char* text, NullText nullRule, Setter setter) {
-  if (text == nullptr && nullRule == NullText::kFailedFirst) {
-    CV_LOG(0, "NULL POINT\n");
+  // No exception may cross the C interface: any failure is a plain failure.
+  try {
+    if (text == nullptr && nullRule == NullText::kFailedFirst) {
+      CV_LOG(0, "NULL POINT\n");
+      return SMFR_FAILED;
+    }
+    webs::SmartFile* file = api::lookup(handle);
+    if (file == nullptr) return SMFR_FAILED;
+    FileRequest* request = api::httpRequestOf(file);
+    if (request == nullptr || text == nullptr) {
+      CV_LOG(0, kNotHttpOrNoSet);
+      return SMFR_NOT_HTTP;
+    }
+    setter(request, std::string(text));
+    return SMFR_OK;
+  } catch (...) {
     return SMFR_FAILED;
   }
-  webs::SmartFile* file = api::lookup(handle);
-  if (file == nullptr) return SMFR_FAILED;
-  FileRequest* request = api::httpRequestOf(file);
-  if (request == nullptr || text == nullptr) {
-    CV_LOG(0, kNotHttpOrNoSet);
-    return SMFR_NOT_HTTP;
-  }
-  setter(request, std::string(text));
-  return SMFR_OK;
 }
 
-[[maybe_unused]] char* keepText(const std::string& text) {
+char* keepText(const std::string& text) {
   char* copy = static_cast<char*>(std::calloc(text.size() + 1, 1));
   if (copy == nullptr) return nullptr;
   std::memcpy(copy, text.data(), text.size());
@@ -53,13 +58,7 @@ int setText(int handle, const char* text, NullText nullRule, Setter setter) {
 
 }  // namespace
 
-#ifdef CORVANE_HTTP_SOURCE
 #define CV_HTTP_SET(method) [](FileRequest* r, const std::string& t) { api::asHttp(r)->method(t); }
-#else
-// Without the HTTP source no request is ever of type 1, so the setter is
-// never reached.
-#define CV_HTTP_SET(method) [](FileRequest*, const std::string&) {}
-#endif
 
 extern "C" {
 
@@ -76,9 +75,7 @@ int x_smart_file_set_featureflag(int handle, int flags) {
       CV_LOG(-4, kNotHttp);
       return SMFR_OK;
     }
-#ifdef CORVANE_HTTP_SOURCE
     api::asHttp(request)->setFeatureFlag(flags);
-#endif
     return SMFR_OK;
   } catch (...) {
     return SMFR_FAILED;
@@ -90,9 +87,7 @@ long long x_smart_file_http_get_speed(int handle) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return SMFR_FAILED;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) return api::asHttp(request)->getSpeed();
-#endif
     (void)request;
     CV_LOG(0, kNotHttp);
     return 0;
@@ -106,12 +101,10 @@ int x_smart_file_http_set_speed(int handle, long long speed) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return SMFR_FAILED;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) {
       api::asHttp(request)->setSpeed(speed);
       return SMFR_OK;
     }
-#endif
     (void)request;
     CV_LOG(0, kNotHttp);
     return SMFR_OK;
@@ -125,13 +118,11 @@ char* x_smart_file_http_get_content_type(int handle) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return nullptr;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) {
       std::string text = api::asHttp(request)->getContentType();
       CV_LOG(0, "Content type:%s", text.c_str());
       return keepText(text);
     }
-#endif
     (void)request;
     CV_LOG(0, kNotHttp);
     return nullptr;
@@ -145,14 +136,12 @@ char* x_smart_file_http_get_server_name(int handle) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return nullptr;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) {
       std::string text = api::asHttp(request)->getServerName();
       // Logged under the content-type line: log readers know it so.
       CV_LOG(0, "Content type:%s", text.c_str());
       return keepText(text);
     }
-#endif
     (void)request;
     CV_LOG(0, kNotHttp);
     return nullptr;
@@ -166,13 +155,11 @@ int x_smart_file_http_get_download_status(int handle) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return SMFR_FAILED;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) {
       int status = api::asHttp(request)->getDownloadStatus();
       CV_LOG(0, "download status : %d", status);
       return status;
     }
-#endif
     (void)request;
     CV_LOG(0, kNotHttpOrNoSet);
     // No download status applies to other sources: the failure code.
@@ -187,9 +174,7 @@ int x_smart_file_http_get_url_ip(int handle, char* ip) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return SMFR_FAILED;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr && ip != nullptr) return api::asHttp(request)->getUrlIP(ip);
-#endif
     (void)request;
     CV_LOG(0, kNotHttpOrNoSet);
     return SMFR_NOT_HTTP;
@@ -203,9 +188,7 @@ int x_smart_file_http_get_header(int handle, char* buf, int size, int* length) {
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) return SMFR_FAILED;
     FileRequest* request = api::httpRequestOf(file);
-#ifdef CORVANE_HTTP_SOURCE
     if (request != nullptr) return api::asHttp(request)->getResponseHeader(buf, size, length);
-#endif
     (void)request;
     CV_LOG(0, kNotHttpOrNoSet);
     return SMFR_OK;
@@ -215,75 +198,39 @@ int x_smart_file_http_get_header(int handle, char* buf, int size, int* length) {
 }
 
 int x_smart_file_http_set_userAgent(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setUserAgent));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setUserAgent));
 }
 
 int x_smart_file_http_set_proxy(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setProxy));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setProxy));
 }
 
 int x_smart_file_http_set_CAPath(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCAPath));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCAPath));
 }
 
 int x_smart_file_http_set_CA(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCA));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCA));
 }
 
 int x_smart_file_http_set_client_authert(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setClientAuthertication));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setClientAuthertication));
 }
 
 int x_smart_file_http_set_private_key(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setPrivateKey));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setPrivateKey));
 }
 
 int x_smart_file_http_set_key_type(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setKeyType));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setKeyType));
 }
 
 int x_smart_file_http_set_ip_resolve(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setIpResolve));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setIpResolve));
 }
 
 int x_smart_file_http_set_cookie(int handle, const char* text) {
-  try {
-    return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCookie));
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCookie));
 }
 
 }  // extern "C"
