@@ -15,11 +15,17 @@ void* TaskQueue::tmpObject = nullptr;
 // Task objects themselves are not freed: an executor may still hold one.
 TaskQueue::~TaskQueue() { closeForExit(); }
 
-int TaskQueue::closeForExit() {
+int TaskQueue::closeForExit(int executors) {
   SyncGuard guard(*this);
   closing_ = true;
   notifyAll();
   while (waiting_ > 0) wait();
+  // An executor still running a task parks when it comes back for the next
+  // one; a bounded grace, so that a task blocked for good cannot hang exit.
+  for (int i = 0; i < 2000 && parked_ < executors; ++i) {
+    SyncUnguard unlocked(*this);
+    usleep(1000);
+  }
   return parked_;
 }
 
@@ -52,7 +58,7 @@ Task* TaskQueue::popTask(Task* finished) {
     running_.remove(finished);
     free_.push_back(finished);
   }
-  while (pending_.empty()) {
+  while (closing_ || pending_.empty()) {
     if (closing_) parkForever();
     CV_LOG(1, "thread engine waiting for task");
     ++waiting_;

@@ -30,8 +30,10 @@ class TaskQueue : public Semaphore {
   int cancelAll();
 
   // At process exit: moves every executor waiting for work off the lock and
-  // condition and parks it for good; returns how many executors are parked.
-  int closeForExit();
+  // condition and parks it for good, and gives up to `executors` executors
+  // still running a task a short grace to come back and park too. Returns
+  // how many executors are parked.
+  int closeForExit(int executors = 0);
 
   static bool isTaskOfArg(Task* task);
   static bool isTaskOfSender(Task* task);

@@ -16,7 +16,8 @@ ThreadEngine ThreadEngine::_INS_ CV_INIT_ORDER(CV_INIT_THREAD_ENGINE);
 // rather than freed under it.
 ThreadEngine::~ThreadEngine() {
   if (!initialised_) return;
-  if (queue_.closeForExit() == static_cast<int>(executors_.size())) {
+  const int executors = static_cast<int>(executors_.size());
+  if (queue_.closeForExit(executors) == executors) {
     for (Executor* executor : executors_) delete executor;
   }
   executors_.clear();
