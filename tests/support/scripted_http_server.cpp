@@ -161,6 +161,7 @@ std::string ScriptedHttpServer::url(const std::string& path) const {
 void ScriptedHttpServer::route(const std::string& path, const Script& script) {
   std::lock_guard<std::mutex> lock(mutex_);
   routes_[path] = script;
+  servedPerPath_[path] = 0;
 }
 
 std::vector<RecordedRequest> ScriptedHttpServer::requests() const {
@@ -186,9 +187,26 @@ void ScriptedHttpServer::acceptLoop() {
       close(fd);
       break;
     }
+    reapFinishedWorkers();
     openFds_.push_back(fd);
-    workers_.emplace_back([this, fd] { serve(fd); });
+    workers_.emplace_back([this, fd] {
+      serve(fd);
+      std::lock_guard<std::mutex> done(mutex_);
+      finishedWorkers_.push_back(std::this_thread::get_id());
+    });
   }
+}
+
+void ScriptedHttpServer::reapFinishedWorkers() {
+  for (std::thread::id id : finishedWorkers_) {
+    auto it = std::find_if(workers_.begin(), workers_.end(),
+                           [id](const std::thread& t) { return t.get_id() == id; });
+    if (it == workers_.end()) continue;
+    // The worker has only its return left to run.
+    it->join();
+    workers_.erase(it);
+  }
+  finishedWorkers_.clear();
 }
 
 bool ScriptedHttpServer::pause(int ms) {

@@ -83,7 +83,9 @@ class ScriptedHttpServer {
   int port() const { return port_; }
   // "http://127.0.0.1:<port><path>" (or "[::1]").
   std::string url(const std::string& path = "/file") const;
-  // The script for requests whose path (query stripped) is `path`.
+  // The script for requests whose path (query stripped) is `path`. The
+  // per-connection counts of dropTimes and stallTimes start afresh with it,
+  // so a script switched in at run time drops or stalls its own first K.
   void route(const std::string& path, const Script& script);
 
   std::vector<RecordedRequest> requests() const;
@@ -95,6 +97,9 @@ class ScriptedHttpServer {
  private:
   void acceptLoop();
   void serve(int fd);
+  // Joins the workers that have finished serving (a long run would otherwise
+  // keep one ended thread per connection). REQUIRES: mutex_ held.
+  void reapFinishedWorkers();
   Script scriptFor(const std::string& target, int* connectionIndex);
   bool sendAll(int fd, const char* data, size_t size);
   // Sleeps up to `ms`; false when the server is stopping.
@@ -116,6 +121,7 @@ class ScriptedHttpServer {
   std::map<std::string, int> servedPerPath_;
   std::vector<RecordedRequest> requests_;
   std::vector<std::thread> workers_;
+  std::vector<std::thread::id> finishedWorkers_;  // served, not yet joined
   std::vector<int> openFds_;
 };
 
