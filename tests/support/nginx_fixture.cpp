@@ -67,6 +67,14 @@ void NginxFixture::addPatternFile(const std::string& name, long long size) {
   chmod(dir_.file("www/" + name).c_str(), 0644);
 }
 
+void NginxFixture::addFile(const std::string& name, const std::string& bytes) {
+  mkdir(dir_.file("www").c_str(), 0755);
+  std::ofstream out(dir_.file("www/" + name), std::ios::binary);
+  out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+  out.close();
+  chmod(dir_.file("www/" + name).c_str(), 0644);
+}
+
 bool NginxFixture::start(std::string* why) {
   // Workers may run as another user: everything they read must be readable.
   chmod(dir_.path().c_str(), 0755);

@@ -30,6 +30,8 @@ class NginxFixture {
   bool start(std::string* why);
   // Writes a pattern file of `size` bytes served as "/<name>".
   void addPatternFile(const std::string& name, long long size);
+  // Writes `bytes` served as "/<name>".
+  void addFile(const std::string& name, const std::string& bytes);
 
   std::string httpUrl(const std::string& name) const;
   std::string httpsUrl(const std::string& name) const;

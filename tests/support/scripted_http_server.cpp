@@ -275,6 +275,7 @@ void ScriptedHttpServer::serve(int fd) {
 
   int index = 0;
   Script s = scriptFor(request.target, &index);
+  if (s.content) s.size = static_cast<long long>(s.content->size());
   auto spell = [&s](const std::string& name) {
     if (s.headerCase == HeaderCase::Lower) return lower(name);
     if (s.headerCase == HeaderCase::Upper) return upper(name);
@@ -353,7 +354,11 @@ void ScriptedHttpServer::serve(int fd) {
     if (drop) n = std::min(n, s.dropAfter - sent);
     if (stall) n = std::min(n, s.stallAfter - sent);
     if (n > 0) {
-      fillPattern(chunk.data(), begin + sent, n);
+      if (s.content) {
+        std::memcpy(chunk.data(), s.content->data() + begin + sent, static_cast<size_t>(n));
+      } else {
+        fillPattern(chunk.data(), begin + sent, n);
+      }
       if (!sendAll(fd, chunk.data(), static_cast<size_t>(n))) break;
       sent += n;
       bytesSent_ += n;

@@ -15,6 +15,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -59,6 +60,9 @@ struct Script {
   int trickleBytes = 0;             // send this many bytes...
   int trickleMs = 0;                // ...then pause this long
   int headerDelayMs = 0;            // wait before the status line
+  // When set, these bytes are the content instead of the pattern (a real
+  // media file, say) and `size` is taken from them.
+  std::shared_ptr<const std::string> content;
 };
 
 struct RecordedRequest {
