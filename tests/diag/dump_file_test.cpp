@@ -36,46 +36,36 @@ TEST(DumpFile, NoDirectoryFileMeansNoDumpAndNoLog) {
   EXPECT_TRUE(log.lines().empty());
 }
 
-TEST(DumpFile, FirstDumpIsNamedAfterNumberAndRange) {
+TEST(DumpFile, FirstDumpIsNamedAfterNumberAndRangeAndOverwritesWithoutTruncating) {
   LogCapture log(-4);
   TempDir dir;
   std::string target = dir.path() + "/usb";
   ASSERT_EQ(0, mkdir(target.c_str(), 0755));
-  // The fallback file is used when the first is missing.
-  std::string pathFile = dir.write("path.txt", target);
-  util::DumpFile dump;
-  dump.read_usb_path_from(dir.file("missing").c_str(), pathFile.c_str());
+  util::DumpFile dump;  // the fallback file is used when the first is missing
+  dump.read_usb_path_from(dir.file("missing").c_str(), dir.write("path.txt", target).c_str());
   ASSERT_TRUE(dump.isEnabled());
   EXPECT_TRUE(log.contains("read lumora_usb_path.txt success"));
-  EXPECT_EQ(target, std::string(dump.getDirectory()));
   std::string data(100, 'x');
   dump.read_to_file(4096, reinterpret_cast<unsigned char*>(&data[0]), 100);
   std::string name = target + "/QM_id1_4096_4196.dat";
   EXPECT_EQ(data, slurp(name));
   EXPECT_TRUE(log.contains("SmartFile readed=100, id:1"));
-  // The same name again: overwritten from the start, not shortened.
   std::string shorter(10, 'y');
   dump.dump_read_to_file(&name[0], reinterpret_cast<unsigned char*>(&shorter[0]), 10);
   EXPECT_EQ(std::string(10, 'y') + std::string(90, 'x'), slurp(name));
 }
 
-TEST(DumpFile, UnwritableTargetIsLoggedOnly) {
+TEST(DumpFile, LineFeedStaysInTheDirectoryAndAnUnwritableTargetIsOnlyLogged) {
   LogCapture log(-4);
   TempDir dir;
-  std::string pathFile = dir.write("path.txt", dir.path() + "/no/such/dir");
+  std::string missing = dir.path() + "/no/such/dir\n";
+  std::string pathFile = dir.write("path.txt", missing);
   util::DumpFile dump;
   dump.read_usb_path_from(pathFile.c_str(), pathFile.c_str());
+  EXPECT_EQ(missing, std::string(dump.getDirectory()));
   unsigned char data[3] = {1, 2, 3};
   dump.read_to_file(0, data, 3);
-  EXPECT_EQ(1, log.countPrefix("open " + dir.path() + "/no/such/dir/QM_id"));
-}
-
-TEST(DumpFile, TrailingLineFeedStaysInTheDirectoryName) {
-  TempDir dir;
-  std::string pathFile = dir.write("path.txt", "/mnt/usb\n");
-  util::DumpFile dump;
-  dump.read_usb_path_from(pathFile.c_str(), pathFile.c_str());
-  EXPECT_EQ(std::string("/mnt/usb\n"), std::string(dump.getDirectory()));
+  EXPECT_EQ(1, log.countPrefix("open " + missing + "/QM_id"));
 }
 
 }  // namespace

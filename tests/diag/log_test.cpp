@@ -1,13 +1,16 @@
+// The log guard, the level functions of the C interface and the level file.
 #include <climits>
 
 #include <gtest/gtest.h>
 
 #include "corvane/log_level.h"
 #include "diag/log.h"
+#include "diag/log_level.h"
 #include "support/log_capture.h"
+#include "support/temp_dir.h"
 
-using testsupport::checkThreshold;
 using testsupport::LogCapture;
+using testsupport::TempDir;
 
 namespace {
 
@@ -20,49 +23,73 @@ TEST(Log, DefaultLevelPrintsOnlyTheTwoMostImportantThresholds) {
 
 TEST(Log, EveryThresholdPrintsFromItsLevelOnWithTagAndDebugPriority) {
   for (int threshold : {-5, -4, -2, -1, 0, 1, 2, 3}) {
-    EXPECT_EQ(checkThreshold("guarded " + std::to_string(threshold), threshold,
-                             [&] { CV_LOG(threshold, "guarded %d", threshold); }),
+    EXPECT_EQ(testsupport::checkThreshold("guarded " + std::to_string(threshold), threshold,
+                                          [&] { CV_LOG(threshold, "guarded %d", threshold); }),
               "");
   }
   LogCapture capture(0);
-  CV_LOG(0, "tagged");
-  ASSERT_EQ(capture.lines().size(), 1u);
+  int evaluated = 0;
+  CV_LOG(1, "not printed %d", ++evaluated);
+  EXPECT_EQ(evaluated, 0) << "arguments are evaluated only when the line prints";
+  CV_LOG(0, "tagged %d", ++evaluated);
+  ASSERT_EQ(capture.texts(), std::vector<std::string>{"tagged 1"});
   EXPECT_EQ(capture.lines()[0].tag, "Lumora");
   EXPECT_EQ(capture.lines()[0].priority, 3);
 }
 
-TEST(Log, ArgumentsAreEvaluatedOnlyWhenTheLineIsPrinted) {
-  int evaluated = 0;
-  auto sideEffect = [&] { return ++evaluated; };
-  LogCapture capture(0);
-  CV_LOG(1, "not printed %d", sideEffect());
-  EXPECT_EQ(evaluated, 0);
-  CV_LOG(0, "printed %d", sideEffect());
-  EXPECT_EQ(evaluated, 1);
-  EXPECT_TRUE(capture.contains("printed 1"));
-}
-
-TEST(LogLevelFunctions, SetAcceptsAnyIntAndGetReturnsIt) {
+TEST(LogLevelFunctions, SetAndDisableChangeWhatPrints) {
   LogCapture capture(0);  // restores the level afterwards
-  for (int level : {INT_MIN, -100, -5, 0, 3, 100, INT_MAX}) {
+  for (int level : {INT_MIN, -5, 0, INT_MAX}) {
     x_smart_file_set_log_level(level);
     EXPECT_EQ(x_smart_file_get_log_level(), level);
-    EXPECT_EQ(util::LOG_LEV, level);
   }
   x_smart_file_set_log_level(-6);
   CV_LOG(-5, "silenced");
-  x_smart_file_set_log_level(4);
-  CV_LOG(3, "everything");
-  EXPECT_FALSE(capture.contains("silenced"));
-  EXPECT_TRUE(capture.contains("everything"));
-}
-
-TEST(LogLevelFunctions, DisableSetsMinusOneWhichStillPrintsTheImportantLines) {
-  LogCapture capture(3);
   x_smart_file_disable_log();
   EXPECT_EQ(x_smart_file_get_log_level(), -1);
   for (int threshold : {-5, -4, -2, -1, 0, 1}) CV_LOG(threshold, "t%d", threshold);
   EXPECT_EQ(capture.texts(), (std::vector<std::string>{"t-5", "t-4", "t-2", "t-1"}));
+}
+
+struct LevelFileCase {
+  std::string content;
+  int expected;
+};
+
+class LevelFile : public ::testing::TestWithParam<LevelFileCase> {};
+
+TEST_P(LevelFile, OnlyTheFirstTwoCharactersAreParsed) {
+  TempDir dir;
+  LogCapture capture(-7);  // an unusual start value shows whether the file changed it
+  util::detectLoglevelFrom(dir.write("log_level", GetParam().content).c_str(),
+                           dir.file("fallback").c_str());
+  EXPECT_EQ(util::LOG_LEV, GetParam().expected) << "content \"" << GetParam().content << "\"";
+}
+
+INSTANTIATE_TEST_SUITE_P(Contents, LevelFile,
+                         ::testing::Values(LevelFileCase{"-4", -4}, LevelFileCase{"3", 3},
+                                           LevelFileCase{"12", 12}, LevelFileCase{"3\n", 3},
+                                           LevelFileCase{"-12", -1}, LevelFileCase{"100", 10},
+                                           LevelFileCase{"ab", 0}, LevelFileCase{" 7", 7},
+                                           LevelFileCase{"", -7}));
+
+TEST(LevelFileFallback, IsOpenedButNeverReadAndMayBeMissing) {
+  TempDir dir;
+  LogCapture capture(-3);
+  util::detectLoglevelFrom(dir.file("missing").c_str(), dir.write("fallback", "2").c_str());
+  util::detectLoglevelFrom(dir.file("missing").c_str(), dir.file("missing-too").c_str());
+  EXPECT_EQ(util::LOG_LEV, -3);
+  EXPECT_TRUE(capture.texts().empty());
+}
+
+TEST(LevelFileReport, PrintedFromLevelMinusTwoOn) {
+  TempDir dir;
+  for (const char* content : {"-2", "-3"}) {
+    LogCapture capture(0);
+    util::detectLoglevelFrom(dir.write("log_level", content).c_str(), dir.file("fallback").c_str());
+    EXPECT_EQ(capture.texts(), content[1] == '2' ? std::vector<std::string>{"Log level==-2\n"}
+                                                 : std::vector<std::string>{});
+  }
 }
 
 }  // namespace
