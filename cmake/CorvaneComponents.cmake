@@ -43,8 +43,13 @@ function(corvane_add_shared_library)
     file(WRITE ${bundle} "// The shared library is made of the component archives only.\n")
   endif()
   add_library(corvane SHARED ${bundle})
-  set_target_properties(corvane PROPERTIES OUTPUT_NAME corvane
-    VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  set_target_properties(corvane PROPERTIES OUTPUT_NAME corvane)
+  # libcorvane.so.<major> on a host; an Android app packs and loads the plain
+  # libcorvane.so, so there the SONAME must carry no version.
+  if(NOT ANDROID)
+    set_target_properties(corvane PROPERTIES
+      VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+  endif()
   target_include_directories(corvane PUBLIC
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:include>)
