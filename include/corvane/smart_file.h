@@ -200,7 +200,7 @@ int x_smart_file_dump_buffer(void);
 /* Feature flag: 1 selects the short timings used for one broadcaster's
  * streams (6 s to connect instead of 10 s, a transfer is given up after 4 s
  * without data instead of 35 s) and its handling of failed name look-ups
- * (retried instead of failing as not found). Any other value, and the
+ * and silent servers (retried instead of ending the stream as not found). Any other value, and the
  * default -1, keep the usual behaviour. SMFR_OK, also on a local file;
  * SMFR_FAILED for a bad handle. */
 int x_smart_file_set_featureflag(int handle, int flags);
