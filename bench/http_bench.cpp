@@ -11,8 +11,12 @@
 // large read, all of each random read, outside the timed part), so a fast
 // wrong answer shows. It measures and prints; it asserts no time. The exit
 // code is 0 only when every byte checked was right.
-//   http_bench [--no-https] [--size MiB]
+// The library's transfers trace to stderr (libcurl's verbose output); that
+// trace is discarded unless --trace is given.
+//   http_bench [--no-https] [--size MiB] [--trace]
 #include <curl/curl.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -308,14 +312,17 @@ void runScheme(const char* scheme, const std::string& url, long long size, int* 
 
 int main(int argc, char** argv) {
   bool https = true;
+  bool trace = false;
   long long size = 1LL << 30;
   for (int i = 1; i < argc; ++i) {
     if (std::strcmp(argv[i], "--no-https") == 0) {
       https = false;
+    } else if (std::strcmp(argv[i], "--trace") == 0) {
+      trace = true;
     } else if (std::strcmp(argv[i], "--size") == 0 && i + 1 < argc) {
       size = std::atoll(argv[++i]) << 20;
     } else {
-      std::fprintf(stderr, "usage: http_bench [--no-https] [--size MiB]\n");
+      std::fprintf(stderr, "usage: http_bench [--no-https] [--size MiB] [--trace]\n");
       return 2;
     }
   }
@@ -325,12 +332,19 @@ int main(int argc, char** argv) {
     return 0;
   }
   curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (!trace) {
+    int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (devnull >= 0) {
+      ::dup2(devnull, 2);
+      ::close(devnull);
+    }
+  }
   int wrong = 0;
   {
     NginxFixture nginx;
     std::string why;
     if (!nginx.start(&why)) {
-      std::fprintf(stderr, "http_bench: nginx: %s\n", why.c_str());
+      std::printf("http_bench: nginx: %s\n", why.c_str());
       return 1;
     }
     nginx.addPatternFile("big.bin", size);
