@@ -1,5 +1,6 @@
 #include <atomic>
 #include <memory>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -42,11 +43,16 @@ TEST(ThreadObject, RunsOncePerStartAndSleepsBetweenRuns) {
 
   ASSERT_TRUE(worker.start(&probe));
   EXPECT_TRUE(log.contains("Tend to wake up or restart thread, sleep:1, alive:0"));
-  EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
   ASSERT_TRUE(log.waitFor("thread begin to sleep", 2));
   EXPECT_EQ(probe.runs, 2);
   EXPECT_TRUE(log.contains("thread woken up"));
   EXPECT_TRUE(log.contains("thread continues next loop"));
+}
+
+// Starts `worker` on `probe` (whose gate is closed) and waits for the run.
+void startBlocked(util::ThreadObject& worker, Probe& probe) {
+  ASSERT_TRUE(worker.start(&probe));
+  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
 }
 
 TEST(ThreadObject, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
@@ -56,14 +62,11 @@ TEST(ThreadObject, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
   probe.gate = &gate;
   util::ThreadObject worker(&routine);
   probe.self = &worker;
-  ASSERT_TRUE(worker.start(&probe));
-  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
-
+  startBlocked(worker, probe);
   EXPECT_TRUE(worker.start(&probe));  // re-alive while the routine runs
   EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
   EXPECT_FALSE(worker.start(&probe));  // requested and not yet begun
   EXPECT_EQ(log.count("error, has already started"), 1);
-
   gate.open();
   ASSERT_TRUE(log.waitFor("thread begin to sleep"));
   EXPECT_EQ(probe.runs, 2);
@@ -78,8 +81,7 @@ TEST(ThreadObject, PauseClearsAPendingRequest) {
   Probe probe;
   probe.gate = &gate;
   util::ThreadObject worker(&routine);
-  ASSERT_TRUE(worker.start(&probe));
-  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
+  startBlocked(worker, probe);
   ASSERT_TRUE(worker.start(&probe));
   worker.stop(false);
   EXPECT_TRUE(log.contains("stop OK"));
@@ -88,15 +90,19 @@ TEST(ThreadObject, PauseClearsAPendingRequest) {
   EXPECT_EQ(probe.runs, 1);
 }
 
-TEST(ThreadObject, StartAfterForcedStopIsRefusedForever) {
+TEST(ThreadObject, StopsOfANeverStartedObjectAndStartsAfterAForcedStop) {
   LogCapture log(0);
+  util::ThreadObject idle(&routine);
+  idle.stop(false);
+  idle.stop(true);
+  EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "have already paused", "1",
+                                                   "hasn't ever started"}));
   Probe probe;
   util::ThreadObject worker(&routine);
   ASSERT_TRUE(worker.start(&probe));
   ASSERT_TRUE(log.waitFor("thread begin to sleep"));
   worker.stop(true);
   EXPECT_TRUE(log.contains("wait for thread object to be destroyed"));
-  EXPECT_TRUE(log.contains("stop OK"));
   EXPECT_FALSE(worker.start(&probe));
   EXPECT_TRUE(log.contains("The thread has been froced to destroyed yet, start failed 0"));
   worker.stop(true);
@@ -104,45 +110,31 @@ TEST(ThreadObject, StartAfterForcedStopIsRefusedForever) {
   EXPECT_EQ(probe.runs, 1);
 }
 
-TEST(ThreadObject, StopOnANeverStartedObjectReturnsAtOnce) {
-  LogCapture log(0);
-  util::ThreadObject worker(&routine);
-  worker.stop(false);
-  EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "have already paused"}));
-  log.clear();
-  worker.stop(true);
-  EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "hasn't ever started"}));
-}
-
-TEST(ThreadObject, DestroyingASleepingObjectEndsItsThreadWithoutAnotherRun) {
-  LogCapture log(0);
-  Probe probe;
-  auto worker = std::make_unique<util::ThreadObject>(&routine);
-  ASSERT_TRUE(worker->start(&probe));
-  ASSERT_TRUE(log.waitFor("thread begin to sleep"));
-  worker.reset();
-  EXPECT_TRUE(log.contains("stop OK"));
-  EXPECT_TRUE(log.waitFor("attached end "));
-  EXPECT_TRUE(log.contains("destroy thread"));
-  EXPECT_EQ(probe.runs, 1);
-}
-
-TEST(ThreadObject, DestroyingAnObjectWhoseRoutineRunsWaitsForTheRun) {
-  LogCapture log(0);
-  Gate gate;
-  Probe probe;
-  probe.gate = &gate;
-  auto worker = std::make_unique<util::ThreadObject>(&routine);
-  ASSERT_TRUE(worker->start(&probe));
-  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
-  std::thread opener([&] {
-    log.waitFor("wait for thread object to be destroyed");
-    gate.open();
-  });
-  worker.reset();  // returns only after the routine ended and the thread left
-  opener.join();
-  EXPECT_TRUE(log.contains("stop OK"));
-  EXPECT_EQ(probe.runs, 1);
+// Destroying the object ends its thread without another run, whether the
+// thread sleeps or its routine is still running (then it waits for the run).
+TEST(ThreadObject, DestroyingEndsTheThreadSleepingOrRunning) {
+  for (bool running : {false, true}) {
+    SCOPED_TRACE(running);
+    LogCapture log(0);
+    Gate gate;
+    Probe probe;
+    if (running) probe.gate = &gate;
+    auto worker = std::make_unique<util::ThreadObject>(&routine);
+    startBlocked(*worker, probe);
+    if (!running) {
+      ASSERT_TRUE(log.waitFor("thread begin to sleep"));
+    }
+    std::thread opener([&] {
+      if (running) log.waitFor("wait for thread object to be destroyed");
+      gate.open();
+    });
+    worker.reset();
+    opener.join();
+    EXPECT_TRUE(log.contains("stop OK"));
+    EXPECT_TRUE(log.waitFor("attached end "));
+    EXPECT_TRUE(log.contains("destroy thread"));
+    EXPECT_EQ(probe.runs, 1);
+  }
 }
 
 }  // namespace
