@@ -159,8 +159,15 @@ void DullFile::readTask(void* arg, util::TEngineEvent_E event) {
     int status;
     if (r == kEof || r == 0) {
       CV_LOG(1, "async read %d ok in perform ((((((()))))))", static_cast<int>(n));
-      record->file->newPosMovedByDullFile(record->position,
-                                          record->position + static_cast<long long>(n));
+      // The handle may have been closed while its read ran (only the last
+      // close waits for the file's tasks): its SmartFile is then gone. A
+      // close dereferences under referenceLock before destroying it.
+      util::SyncGuard guard(self->referenceLock);
+      if (std::find(self->references.begin(), self->references.end(), record->file) !=
+          self->references.end()) {
+        record->file->newPosMovedByDullFile(record->position,
+                                            record->position + static_cast<long long>(n));
+      }
       status = r == kEof ? ASYNC_READ_EOF : ASYNC_READ_DONE;
     } else if (record->cancelled) {
       CV_LOG(1, "async read fail %d", r);

@@ -59,8 +59,10 @@ int SmartFile::readAsync(char* buf, unsigned long size, SmartFileCallback callba
 }
 
 void SmartFile::newPosMovedByDullFile(long long oldPos, long long newPos) {
-  util::SyncGuard guard(*this);
-  if (position == oldPos) position = newPos;
+  // A compare-and-set rather than the own lock: the caller holds the
+  // DullFile's referenceLock, and seek holds the own lock while it waits for
+  // the DullFile's read lock, whose holder may wait for referenceLock.
+  position.compare_exchange_strong(oldPos, newPos, std::memory_order_relaxed);
 }
 
 int SmartFile::cancelRead(int reqID) {

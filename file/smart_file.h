@@ -4,9 +4,9 @@
 //
 // Owned by the handle table of the C interface; called from any caller
 // thread and, for newPosMovedByDullFile, from ThreadEngine executors. The own
-// lock (Semaphore base) guards position updates in seek and
-// newPosMovedByDullFile; read moves the position under the DullFile's read
-// lock instead. position and liveflag are atomics because the C interface
+// lock (Semaphore base) guards position updates in seek;
+// newPosMovedByDullFile moves it by compare-and-set (its caller holds the
+// DullFile's referenceLock); read moves it under the DullFile's read lock. position and liveflag are atomics because the C interface
 // reads the position without any lock and the two paths use different locks.
 #ifndef CORVANE_FILE_SMART_FILE_H_
 #define CORVANE_FILE_SMART_FILE_H_
