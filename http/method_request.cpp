@@ -63,9 +63,11 @@ int MethodRequest::executeGet(std::string const& url, long long from, long long 
   curl_easy_setopt(curl, CURLOPT_URL, fullUrl.c_str());
   applyStoredOptions();
   bool bounded = to != 0;
+  unsigned long startMark;
   {
     util::SyncGuard guard(*this);
-    stopRequested = false;
+    startMark = armed ? armedStopCount : stopCount;
+    armed = false;
   }
 
   CURLcode code = CURLE_OK;
@@ -91,8 +93,10 @@ int MethodRequest::executeGet(std::string const& url, long long from, long long 
     }
     {
       util::SyncGuard guard(*this);
-      if (stopRequested) {
-        // A stop() between two attempts ends the transfer as a stop would.
+      if (stopCount != startMark) {
+        // A stop() that came before this perform (after the owner armed the
+        // transfer, or between two attempts) would otherwise be lost: it
+        // found nothing running and returned. End as a stopped transfer.
         code = CURLE_ABORTED_BY_CALLBACK;
         break;
       }
@@ -186,7 +190,7 @@ void MethodRequest::stop() {
   util::SyncGuard guard(*this);
   CV_LOG(0, "MethodRequest begin to stop active = %d", active);
   stopWait.store(false, std::memory_order_relaxed);
-  if (performing) stopRequested = true;
+  ++stopCount;
   if (active != 0) {
     active = 0;
     CV_LOG(1, "notify curl to stop and wait stop end");
@@ -195,6 +199,12 @@ void MethodRequest::stop() {
     while (performing) wait();
   }
   CV_LOG(1, "MethodRequest begin to stop End");
+}
+
+void MethodRequest::armTransfer() {
+  util::SyncGuard guard(*this);
+  armedStopCount = stopCount;
+  armed = true;
 }
 
 void MethodRequest::pushParam(std::string const& name, std::string const& value) {

@@ -69,6 +69,10 @@ class MethodRequest : public util::Semaphore {
   // Never from the transfer's own thread (a Requestor callback): it would
   // wait for itself.
   void stop();
+  // Called by the owner when it decides to run the next executeGet: a stop()
+  // from then on ends that transfer even when it arrives before the perform
+  // has begun. Without it executeGet counts only stops from its own start.
+  void armTransfer();
 
   void setMethodFeatureFlag(int flag);
   void setIpResolve(std::string const& type);
@@ -146,7 +150,11 @@ class MethodRequest : public util::Semaphore {
   std::atomic<int> featureFlag{-1};
   int active = 0;                   // guarded by the lock
   bool performing = false;          // guarded by the lock: a perform is under way
-  bool stopRequested = false;       // guarded by the lock: stop() during this executeGet
+  // Guarded by the lock: every stop() counts one; a transfer ends as stopped
+  // when the count moved since it was armed (or, unarmed, since it began).
+  unsigned long stopCount = 0;
+  unsigned long armedStopCount = 0;
+  bool armed = false;
   long stallLimitSeconds = 35;      // transfer thread only
   CURL* curl = nullptr;
   // Stall-check times in microseconds; transfer thread only.

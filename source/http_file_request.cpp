@@ -66,6 +66,10 @@ void HttpFileRequest::wakeWaiters() {
 void HttpFileRequest::sendRequest() {
   long long start;
   long long last;
+  // Armed before `running` is tested: a stopStreaming whose clearing of
+  // `running` comes after the test reaches method.stop() after this point,
+  // so the transfer ends at once even if it has not begun to perform.
+  method.armTransfer();
   {
     util::SyncGuard guard(*this);
     if (!running.load(std::memory_order_relaxed)) {

@@ -2,13 +2,17 @@
 // sink: size and seekability from the first answer, delivery from the
 // requested offset, and the end of each transfer as a stream event and a
 // download status.
+#include <android/log.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -16,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "diag/log.h"
 #include "source/file_request_adaptor.h"
 #include "source/http_file_request.h"
 #include "source/recording_sink.h"
@@ -257,32 +262,177 @@ INSTANTIATE_TEST_SUITE_P(
       return p.param.featureFlag == 1 ? std::string("GJZ") : std::string("Default");
     });
 
-TEST(HttpFileRequest, StopDuringTransferEndsWithCancelAndDisconnected) {
+// How a transfer that is cut from another thread ends.
+struct InterruptCase {
+  const char* name;
+  bool stop;  // stopStreaming; else setBreak and two silent seconds
+  int event;
+  const char* log;
+};
+
+void PrintTo(const InterruptCase& c, std::ostream* os) { *os << c.name; }
+
+class InterruptedTransfer : public ::testing::TestWithParam<InterruptCase> {};
+
+TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
+  const InterruptCase& c = GetParam();
   Script s;
   s.size = 4 << 20;
   s.stallAfter = 65536;
   s.stallMs = 20000;
   ScriptedHttpServer server(s);
   Source source(server.url());
+  LogCapture log(0);
   std::atomic<bool> returned{false};
   std::thread worker([&] {
     source.request.startStreaming(1, 0, 0);
     returned = true;
   });
-  ASSERT_TRUE(waitFor([&] { return source.sink.bytes().size() >= 65536; }, 10000));
-  LogCapture log(0);
-  source.request.stopStreaming();
-  // stopStreaming waits for the end: the event is there when it returns.
-  std::vector<int> events = source.sink.events();
-  ASSERT_FALSE(events.empty());
-  EXPECT_EQ(events.back(), util::EVENT_STREAM_CANCEL);
-  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DISCONNECTED);
-  EXPECT_TRUE(log.contains("begin to stop streaming"));
-  EXPECT_TRUE(log.contains("End to stop streaming"));
-  EXPECT_TRUE(waitFor([&] { return returned.load(); }, 5000));
+  // The stall check logs this only once the transfer thread has left the
+  // last chunk's receive(); a stop that came while it was still inside it
+  // would rightly end with a refused chunk (23) instead.
+  EXPECT_TRUE(waitFor(
+      [&] {
+        for (const std::string& t : log.texts()) {
+          if (t.find("The http connection speed is low") != std::string::npos) return true;
+        }
+        return false;
+      },
+      10000));
+  EXPECT_EQ(source.sink.bytes().size(), 65536u);
+  if (c.stop) {
+    source.request.stopStreaming();
+    // stopStreaming waits for the end: the event is there when it returns.
+    EXPECT_EQ(source.sink.events().size(), 2u);
+    EXPECT_TRUE(log.contains("begin to stop streaming"));
+    EXPECT_TRUE(log.contains("End to stop streaming"));
+  } else {
+    source.request.setBreak();
+  }
+  EXPECT_TRUE(waitFor([&] { return returned.load(); }, 6000));
   worker.join();
-  expectPatternFrom(source.sink, 0, static_cast<long long>(source.sink.bytes().size()), 1);
+  EXPECT_EQ(source.sink.events(), (std::vector<int>{util::EVENT_STREAM_NORMAL, c.event}));
+  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DISCONNECTED);
+  EXPECT_TRUE(log.contains(c.log)) << c.log;
+  expectPatternFrom(source.sink, 0, 65536, 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Interrupts, InterruptedTransfer,
+    ::testing::Values(InterruptCase{"Stop", true, util::EVENT_STREAM_CANCEL, "aborted by callback :42"},
+                      InterruptCase{"BreakThenSilence", false, util::EVENT_STREAM_DEAD,
+                                    "connection is dead"}),
+    [](const ::testing::TestParamInfo<InterruptCase>& p) { return p.param.name; });
+
+// Runs `hook` on the logging thread for every line the library prints while
+// it is installed (LogCapture cannot act at a given point of a transfer).
+class LogHook {
+ public:
+  explicit LogHook(std::function<void(const std::string&)> hook) : savedLevel_(util::LOG_LEV) {
+    {
+      std::lock_guard<std::mutex> lock(mutex());
+      current() = std::move(hook);
+    }
+    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    __android_log_set_logger(&LogHook::logger);
+    util::LOG_LEV = 1;
+  }
+  ~LogHook() {
+    util::LOG_LEV = savedLevel_;
+    std::lock_guard<std::mutex> lock(mutex());
+    current() = nullptr;
+  }
+
+ private:
+  static std::mutex& mutex() {
+    static std::mutex m;
+    return m;
+  }
+  static std::function<void(const std::string&)>& current() {
+    static std::function<void(const std::string&)> f;
+    return f;
+  }
+  static void logger(const struct __android_logger_data*, const char* message) {
+    std::function<void(const std::string&)> f;
+    {
+      std::lock_guard<std::mutex> lock(mutex());
+      f = current();
+    }
+    if (f) f(message != nullptr ? message : "");
+  }
+  int savedLevel_;
+};
+
+// A stop that comes after the source decided to transfer but before libcurl
+// began must still end that transfer at once, not wait for a silent server.
+// Each case stops at a line the transfer thread prints in that stretch.
+struct EarlyStopCase {
+  const char* name;
+  bool nonSeekable;  // a first transfer makes the source restart from 0
+  long long from;
+  const char* stopAt;
+};
+
+void PrintTo(const EarlyStopCase& c, std::ostream* os) { *os << c.name; }
+
+class EarlyStop : public ::testing::TestWithParam<EarlyStopCase> {};
+
+TEST_P(EarlyStop, EndsTheTransferBeforeItBegins) {
+  const EarlyStopCase& c = GetParam();
+  Script quick = scriptOf(5000, !c.nonSeekable, true);
+  Script silent = quick;
+  silent.headerDelayMs = 15000;
+  ScriptedHttpServer server(quick);
+  Source source(server.url());
+  if (c.nonSeekable) {
+    ASSERT_EQ(source.request.startStreaming(1, 0, 0), 0);
+    ASSERT_FALSE(source.request.isRandomAccess());
+    source.sink.clear();
+  }
+  server.route("/file", silent);
+  int requestsBefore = server.requestCount();
+  std::atomic<bool> stopPassedMethod{false};
+  std::atomic<bool> stopReturned{false};
+  std::atomic<bool> performBegan{false};
+  std::thread stopper;
+  bool fired = false;  // transfer thread only
+  LogHook hook([&](const std::string& line) {
+    if (line == "MethodRequest begin to stop End") stopPassedMethod = true;
+    if (line.find("PFFFF begin to perform") != std::string::npos) performBegan = true;
+    if (line != c.stopAt || fired) return;
+    fired = true;
+    stopper = std::thread([&] {
+      source.request.stopStreaming();
+      stopReturned = true;
+    });
+    EXPECT_TRUE(waitFor([&] { return stopPassedMethod.load(); }, 5000));
+  });
+  auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(source.request.startStreaming(2, c.from, 0), 0);
+  EXPECT_TRUE(waitFor([&] { return stopReturned.load(); }, 3000));
+  if (stopper.joinable()) stopper.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(5));
+  EXPECT_TRUE(fired);
+  EXPECT_FALSE(performBegan.load());
+  EXPECT_EQ(source.sink.events(), std::vector<int>{util::EVENT_STREAM_CANCEL});
+  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DISCONNECTED);
+  EXPECT_EQ(server.requestCount(), requestsBefore);
+  // That stop, and one made while idle, do not cut the next transfer short.
+  server.route("/file", quick);
+  source.sink.clear();
+  source.request.stopStreaming();
+  EXPECT_EQ(source.request.startStreaming(3, c.from, 0), 0);
+  expectPatternFrom(source.sink, c.from, 5000, 3);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Stretches, EarlyStop,
+    ::testing::Values(
+        EarlyStopCase{"JustBeforeThePerform", false, 0, "set fgrangeget to true"},
+        EarlyStopCase{"WhileTurningToOffsetZero", true, 1000,
+                      "server not support seek, but requestOffset is 1000, so download data "
+                      "from 0"}),
+    [](const ::testing::TestParamInfo<EarlyStopCase>& p) { return p.param.name; });
 
 TEST(HttpFileRequest, RefusedChunkEndsTheTransferAsCancelled) {
   ScriptedHttpServer server(scriptOf(4 << 20, true, true));
