@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 
@@ -297,7 +298,8 @@ TEST(MethodRequestTransfer, ParamRecordsReturnToTheStation) {
     m.pushParam("b", "2");
     EXPECT_EQ(m.buildUrl("http://h/p?x=1"), "http://h/p?x=1&a=1&b=2");
   }
-  EXPECT_EQ(webs::MethodParamStation::_INS_.freeCount(), before + 2);
+  // The two records come from the free list when it has them, and go back.
+  EXPECT_EQ(webs::MethodParamStation::_INS_.freeCount(), std::max(before, 2));
 }
 
 }  // namespace
