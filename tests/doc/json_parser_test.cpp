@@ -1,16 +1,39 @@
 // JSONParser: the events of well-formed documents and the error state of
-// malformed ones, fed whole and byte by byte.
+// malformed ones, fed whole and byte by byte; the same events and the same
+// JSONReader tree whatever the cuts of a document.
 #include "doc/json_parser.h"
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
+#include <vector>
 
-#include "tests/doc/event_log_reader.h"
+#include "doc/json_reader.h"
 
 namespace {
 
 using webs::JSONParser;
+using webs::JSONReader;
+
+// Records the node events it receives as one line of text.
+class EventLogReader : public webs::TreeReader {
+ public:
+  int streamIn(const char*, int, int) override { return 0; }
+  void initialize() override {}
+  void clear() override { log.clear(); }
+  void readNodeBegin(const char* name, bool isArray) override {
+    log += std::string(isArray ? "[" : "(") + name + " ";
+  }
+  void readNodeEnd(const char*) override { log += ") "; }
+  void readNodeValue(const char* text, bool literal) override {
+    log += std::string(literal ? "=" : "='") + text + " ";
+  }
+  void readyRead() override {}
+  std::vector<unsigned char>* getRawData(const std::string&) override { return nullptr; }
+
+  std::string log;
+};
 
 struct Parsed {
   int result;
@@ -19,139 +42,62 @@ struct Parsed {
   long long offset;
 };
 
-Parsed parseWhole(const std::string& doc, int maxDepth = JSONParser::kDefaultMaxDepth) {
+// Feeds `doc` whole or byte by byte, then the end.
+Parsed parse(const std::string& doc, bool bytewise = false,
+             int maxDepth = JSONParser::kDefaultMaxDepth) {
   EventLogReader sink;
   JSONParser parser(&sink, maxDepth);
-  int result = parser.streamIn(doc.data(), static_cast<int>(doc.size()), 0);
-  if (result == 0) result = parser.streamIn(nullptr, 0, 1);
-  return {result, parser.getError().code, sink.log, parser.getErrorOffset()};
-}
-
-Parsed parseBytewise(const std::string& doc) {
-  EventLogReader sink;
-  JSONParser parser(&sink);
   int result = 0;
-  for (size_t i = 0; i < doc.size() && result == 0; ++i) {
-    result = parser.streamIn(&doc[i], 1, 0);
+  size_t piece = bytewise ? 1 : doc.size();
+  for (size_t at = 0; at < doc.size() && result == 0; at += piece) {
+    result = parser.streamIn(doc.data() + at, static_cast<int>(piece), 0);
   }
   if (result == 0) result = parser.streamIn(nullptr, 0, 1);
   return {result, parser.getError().code, sink.log, parser.getErrorOffset()};
 }
-
-struct MalformedCase {
-  const char* doc;
-  int code;
-};
 
 TEST(JSONParserTest, MalformedDocumentsGiveTheirErrorWholeAndBytewise) {
-  const MalformedCase cases[] = {
-      // Truncated.
-      {"{", JSONParser::kErrorTruncated},
-      {"[1,2", JSONParser::kErrorTruncated},
-      {"{\"a\":", JSONParser::kErrorTruncated},
-      {"{\"a\"", JSONParser::kErrorTruncated},
-      {"\"abc", JSONParser::kErrorTruncated},
-      {"\"abc\\", JSONParser::kErrorTruncated},
-      {"\"\\u12", JSONParser::kErrorTruncated},
-      {"\"\\ud83d", JSONParser::kErrorTruncated},
-      {"\"\xC3", JSONParser::kErrorTruncated},
-      {"tru", JSONParser::kErrorTruncated},
-      {"-", JSONParser::kErrorTruncated},
-      {"1.", JSONParser::kErrorTruncated},
-      {"1e", JSONParser::kErrorTruncated},
-      {"1e+", JSONParser::kErrorTruncated},
-      // Empty.
-      {"", JSONParser::kErrorEmpty},
-      {" \r\n\t ", JSONParser::kErrorEmpty},
-      // Trailing commas and misplaced punctuation.
-      {"[1,]", JSONParser::kErrorUnexpectedChar},
-      {"{\"a\":1,}", JSONParser::kErrorUnexpectedChar},
-      {"[,1]", JSONParser::kErrorUnexpectedChar},
-      {"[1 2]", JSONParser::kErrorUnexpectedChar},
-      {"{\"a\" 1}", JSONParser::kErrorUnexpectedChar},
-      {"{1:2}", JSONParser::kErrorUnexpectedChar},
-      {"{'a':1}", JSONParser::kErrorUnexpectedChar},
-      {"[1}", JSONParser::kErrorUnexpectedChar},
-      {"{\"a\":1]", JSONParser::kErrorUnexpectedChar},
-      {"]", JSONParser::kErrorUnexpectedChar},
-      {"+1", JSONParser::kErrorUnexpectedChar},
-      {".5", JSONParser::kErrorUnexpectedChar},
-      {"{\"a\":}", JSONParser::kErrorUnexpectedChar},
-      // Bad escapes.
-      {"\"\\x\"", JSONParser::kErrorBadEscape},
-      {"\"\\U0041\"", JSONParser::kErrorBadEscape},
-      {"\"\\u12G4\"", JSONParser::kErrorBadEscape},
-      {"\"\\'\"", JSONParser::kErrorBadEscape},
-      // Lone or misordered surrogates.
-      {"\"\\ud800\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\udc00\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\udfff\\ud800\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\ud800\\u0041\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\ud800\\ud800\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\ud800x\"", JSONParser::kErrorBadSurrogate},
-      {"\"\\ud800\\n\"", JSONParser::kErrorBadSurrogate},
-      // Leading zeros and other bad numbers.
-      {"01", JSONParser::kErrorBadNumber},
-      {"-01", JSONParser::kErrorBadNumber},
-      {"[00]", JSONParser::kErrorBadNumber},
-      {"-a", JSONParser::kErrorBadNumber},
-      {"1.e5", JSONParser::kErrorBadNumber},
-      {"1e+x", JSONParser::kErrorBadNumber},
-      {"--1", JSONParser::kErrorBadNumber},
-      // Unescaped control characters.
-      {"\"a\x01z\"", JSONParser::kErrorControlChar},
-      {"\"a\nz\"", JSONParser::kErrorControlChar},
-      {"\"a\tz\"", JSONParser::kErrorControlChar},
-      {"{\"k\x1f\":1}", JSONParser::kErrorControlChar},
-      // Invalid UTF-8: overlong, encoded surrogate, past U+10FFFF, stray
-      // continuation, truncated sequence.
-      {"\"\xC0\xAF\"", JSONParser::kErrorBadUtf8},
-      {"\"\xE0\x80\xAF\"", JSONParser::kErrorBadUtf8},
-      {"\"\xED\xA0\x80\"", JSONParser::kErrorBadUtf8},
-      {"\"\xF4\x90\x80\x80\"", JSONParser::kErrorBadUtf8},
-      {"\"\xF5\x80\x80\x80\"", JSONParser::kErrorBadUtf8},
-      {"\"\x80\"", JSONParser::kErrorBadUtf8},
-      {"\"\xE2\x82\"", JSONParser::kErrorBadUtf8},
-      // Literals.
-      {"nul", JSONParser::kErrorTruncated},
-      {"truE", JSONParser::kErrorBadLiteral},
-      {"nulll", JSONParser::kErrorTrailingData},
-      {"True", JSONParser::kErrorUnexpectedChar},
-      // More than one value.
-      {"1 2", JSONParser::kErrorTrailingData},
-      {"{} x", JSONParser::kErrorTrailingData},
-      {"[]]", JSONParser::kErrorTrailingData},
+  const struct {
+    int code;
+    std::vector<std::string> docs;
+  } groups[] = {
+      {JSONParser::kErrorTruncated,
+       {"{", "[1,2", "{\"a\":", "{\"a\"", "\"abc", "\"abc\\", "\"\\u12", "\"\\ud83d", "\"\xC3",
+        "tru", "nul", "-", "1.", "1e", "1e+"}},
+      {JSONParser::kErrorEmpty, {"", " \r\n\t "}},
+      {JSONParser::kErrorUnexpectedChar,
+       {"[1,]", "{\"a\":1,}", "[,1]", "[1 2]", "{\"a\" 1}", "{1:2}", "{'a':1}", "[1}",
+        "{\"a\":1]", "]", "+1", ".5", "{\"a\":}", "True"}},
+      {JSONParser::kErrorBadEscape, {"\"\\x\"", "\"\\U0041\"", "\"\\u12G4\"", "\"\\'\""}},
+      {JSONParser::kErrorBadSurrogate,
+       {"\"\\ud800\"", "\"\\udc00\"", "\"\\udfff\\ud800\"", "\"\\ud800\\u0041\"",
+        "\"\\ud800\\ud800\"", "\"\\ud800x\"", "\"\\ud800\\n\""}},
+      {JSONParser::kErrorBadNumber, {"01", "-01", "[00]", "-a", "1.e5", "1e+x", "--1"}},
+      {JSONParser::kErrorControlChar, {"\"a\x01z\"", "\"a\nz\"", "\"a\tz\"", "{\"k\x1f\":1}"}},
+      // Overlong, encoded surrogate, past U+10FFFF, stray continuation, cut.
+      {JSONParser::kErrorBadUtf8,
+       {"\"\xC0\xAF\"", "\"\xE0\x80\xAF\"", "\"\xED\xA0\x80\"", "\"\xF4\x90\x80\x80\"",
+        "\"\xF5\x80\x80\x80\"", "\"\x80\"", "\"\xE2\x82\""}},
+      {JSONParser::kErrorBadLiteral, {"truE"}},
+      {JSONParser::kErrorTrailingData, {"nulll", "1 2", "{} x", "[]]"}},
   };
-  for (const MalformedCase& c : cases) {
-    SCOPED_TRACE(c.doc);
-    Parsed whole = parseWhole(c.doc);
-    EXPECT_EQ(whole.result, -1);
-    EXPECT_EQ(whole.code, c.code);
-    Parsed bytewise = parseBytewise(c.doc);
-    EXPECT_EQ(bytewise.result, -1);
-    EXPECT_EQ(bytewise.code, c.code);
-    EXPECT_EQ(bytewise.offset, whole.offset);
-    EXPECT_EQ(bytewise.events, whole.events);
+  for (const auto& group : groups) {
+    for (const std::string& doc : group.docs) {
+      SCOPED_TRACE(doc);
+      Parsed whole = parse(doc);
+      EXPECT_EQ(whole.result, -1);
+      EXPECT_EQ(whole.code, group.code);
+      Parsed bytewise = parse(doc, true);
+      EXPECT_EQ(bytewise.result, -1);
+      EXPECT_EQ(bytewise.code, group.code);
+      EXPECT_EQ(bytewise.offset, whole.offset);
+      EXPECT_EQ(bytewise.events, whole.events);
+    }
   }
 }
 
-TEST(JSONParserTest, NumbersPassAsTheirTextWithTheLiteralFlag) {
-  const char* numbers[] = {"0", "-0", "7", "-12", "0.5", "-0.25", "1e10", "1E+2", "2e-3",
-                           "-1.5e-308", "123456789012345678901234567890", "0e0"};
-  for (const char* number : numbers) {
-    SCOPED_TRACE(number);
-    Parsed whole = parseWhole(number);
-    EXPECT_EQ(whole.result, 0);
-    EXPECT_EQ(whole.events, std::string("( =") + number + " ) ");
-    EXPECT_EQ(parseBytewise(std::string(" ") + number + "\n").events, whole.events);
-  }
-}
-
-TEST(JSONParserTest, EveryValueKindGivesItsEvents) {
-  struct Case {
-    const char* doc;
-    const char* events;
-  } cases[] = {
+TEST(JSONParserTest, EveryValueKindGivesItsEventsWholeAndBytewise) {
+  std::vector<std::pair<std::string, std::string>> cases = {
       {"\"text\"", "( ='text ) "},
       {"\"\"", "( =' ) "},
       {"true", "( =true ) "},
@@ -159,21 +105,25 @@ TEST(JSONParserTest, EveryValueKindGivesItsEvents) {
       {"null", "( =null ) "},
       {"{}", "( ) "},
       {"[]", "[ ) "},
-      {"{\"a\":1,\"b\":[true,{}],\"c\":\"x\"}",
-       "( (a =1 ) [b ( =true ) ( ) ) (c ='x ) ) "},
+      {"{\"a\":1,\"b\":[true,{}],\"c\":\"x\"}", "( (a =1 ) [b ( =true ) ( ) ) (c ='x ) ) "},
       {" [ [ ] , { \"\" : null } ] ", "[ [ ) ( ( =null ) ) ) "},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.doc);
-    Parsed whole = parseWhole(c.doc);
+  // Numbers pass as their text with the literal flag.
+  for (const char* number : {"0", "-0", "7", "-12", "0.5", "-0.25", "1e10", "1E+2", "2e-3",
+                             "-1.5e-308", "123456789012345678901234567890", "0e0"}) {
+    cases.push_back({number, std::string("( =") + number + " ) "});
+  }
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.first);
+    Parsed whole = parse(c.first);
     EXPECT_EQ(whole.result, 0);
-    EXPECT_EQ(whole.events, c.events);
-    EXPECT_EQ(parseBytewise(c.doc).events, c.events);
+    EXPECT_EQ(whole.events, c.second);
+    EXPECT_EQ(parse(c.first + "\n", true).events, c.second);
   }
 }
 
 TEST(JSONParserTest, EscapesDecodeToUtf8) {
-  struct Case {
+  const struct {
     const char* doc;
     std::string decoded;
   } cases[] = {
@@ -187,16 +137,13 @@ TEST(JSONParserTest, EscapesDecodeToUtf8) {
       {"\"caf\xC3\xA9 \xF0\x9F\x98\x80\"", "caf\xC3\xA9 \xF0\x9F\x98\x80"},
       {"\"a\\u0000b\"", std::string("a\0b", 3)},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.doc);
-    for (bool bytewise : {false, true}) {
-      EventLogReader sink;
-      JSONParser parser(&sink);
-      std::string doc = c.doc;
-      if (bytewise) {
-        for (char ch : doc) ASSERT_EQ(parser.streamIn(&ch, 1, 0), 0);
-      } else {
-        ASSERT_EQ(parser.streamIn(doc.data(), static_cast<int>(doc.size()), 0), 0);
+    std::string doc = c.doc;
+    for (size_t piece : {doc.size(), size_t{1}}) {
+      JSONParser parser(nullptr);
+      for (size_t at = 0; at < doc.size(); at += piece) {
+        ASSERT_EQ(parser.streamIn(doc.data() + at, static_cast<int>(piece), 0), 0);
       }
       ASSERT_EQ(parser.streamIn(nullptr, 0, 1), 0);
       EXPECT_TRUE(parser.isFinished());
@@ -205,11 +152,10 @@ TEST(JSONParserTest, EscapesDecodeToUtf8) {
   }
 }
 
-TEST(JSONParserTest, NestingIsLimited) {
+TEST(JSONParserTest, NestingAndTokenLengthAreLimited) {
   for (int depth : {1, 511, 512, 513, 100000}) {
     SCOPED_TRACE(depth);
-    std::string doc = std::string(depth, '[') + std::string(depth, ']');
-    Parsed whole = parseWhole(doc);
+    Parsed whole = parse(std::string(depth, '[') + std::string(depth, ']'));
     if (depth <= JSONParser::kDefaultMaxDepth) {
       EXPECT_EQ(whole.result, 0);
     } else {
@@ -217,14 +163,10 @@ TEST(JSONParserTest, NestingIsLimited) {
       EXPECT_EQ(whole.offset, JSONParser::kDefaultMaxDepth);
     }
   }
-  Parsed objects = parseWhole("{\"a\":{\"a\":{\"a\":1}}}", 2);
-  EXPECT_EQ(objects.code, JSONParser::kErrorTooDeep);
-  EXPECT_EQ(parseWhole("{\"a\":{\"a\":1}}", 2).result, 0);
-}
+  EXPECT_EQ(parse("{\"a\":{\"a\":{\"a\":1}}}", false, 2).code, JSONParser::kErrorTooDeep);
+  EXPECT_EQ(parse("{\"a\":{\"a\":1}}", false, 2).result, 0);
 
-TEST(JSONParserTest, LongTokensAreLimited) {
-  EventLogReader sink;
-  JSONParser parser(&sink, JSONParser::kDefaultMaxDepth, 8);
+  JSONParser parser(nullptr, JSONParser::kDefaultMaxDepth, 8);
   std::string fits = "[\"12345678\",12345678,\"\\u00e9\\u00e9\\u00e9\\u00e9\"";
   EXPECT_EQ(parser.streamIn(fits.data(), static_cast<int>(fits.size()), 0), 0);
   EXPECT_EQ(parser.streamIn(",\"123456789\"]", 13, 1), -1);
@@ -234,7 +176,7 @@ TEST(JSONParserTest, LongTokensAreLimited) {
   EXPECT_EQ(parser.getError().code, JSONParser::kErrorTooLong);
 }
 
-TEST(JSONParserTest, ErrorIsStickyUntilReset) {
+TEST(JSONParserTest, ErrorIsStickyUntilResetAndDataAfterTheEndIsOne) {
   EventLogReader sink;
   JSONParser parser(&sink);
   EXPECT_EQ(parser.streamIn("[1,", 3, 0), 0);
@@ -250,20 +192,13 @@ TEST(JSONParserTest, ErrorIsStickyUntilReset) {
   EXPECT_EQ(parser.getError().message, "");
   EXPECT_EQ(parser.streamIn("[2]", 3, 1), 0);
   EXPECT_TRUE(parser.isFinished());
-}
-
-TEST(JSONParserTest, DataAfterTheEndIsAnError) {
-  EventLogReader sink;
-  JSONParser parser(&sink);
-  ASSERT_EQ(parser.streamIn("{}", 2, 1), 0);
   EXPECT_EQ(parser.streamIn(nullptr, 0, 1), 0);
   EXPECT_EQ(parser.streamIn(" ", 1, 0), -1);
   EXPECT_EQ(parser.getError().code, JSONParser::kErrorTrailingData);
 }
 
 TEST(JSONParserTest, ErrorReportsOffsetLineAndColumn) {
-  EventLogReader sink;
-  JSONParser parser(&sink);
+  JSONParser parser(nullptr);
   std::string doc = "{\n  \"a\": 1,\n  \"b\": tru3\n}";
   EXPECT_EQ(parser.streamIn(doc.data(), 12, 0), 0);
   EXPECT_EQ(parser.streamIn(doc.data() + 12, static_cast<int>(doc.size() - 12), 1), -1);
@@ -275,10 +210,58 @@ TEST(JSONParserTest, ErrorReportsOffsetLineAndColumn) {
       << parser.getError().message;
 }
 
-TEST(JSONParserTest, ParsesWithoutASink) {
-  JSONParser parser(nullptr);
-  EXPECT_EQ(parser.streamIn("{\"a\":[1,2,{\"b\":null}]}", 22, 1), 0);
-  EXPECT_TRUE(parser.isFinished());
+// Strings with escapes, surrogate pairs and multi-byte UTF-8, numbers in
+// every form, literals, empty and nested containers.
+const char kMixedDocument[] =
+    "{\"name\":\"caf\xC3\xA9 \\u00e9\\\"q\\\" \\ud83d\\ude00 \xF0\x9F\x98\x80\\n\",\r\n"
+    " \"numbers\" : [0, -0, 12, -3.25, 6.02e23, 1E-9, 4e+2, 123456789012345678901],\n"
+    " \"flags\":[true,false,null],\t\"empty\":{}, \"none\":[],\n"
+    " \"deep\":[[[{\"k\\u0041y\":[\"\\t\\/\\\\\\b\\f\\r\"]}]]],\n"
+    " \"\xE2\x82\xAC\":\"\\u20AC\", \"last\":-0.0e-0}\n";
+
+struct Result {
+  std::string events;
+  std::string tree;
+  int code;
+};
+
+// Feeds `doc` in pieces whose sizes come from `nextSize`.
+template <typename NextSize>
+Result feed(const std::string& doc, NextSize nextSize) {
+  EventLogReader sink;
+  JSONParser parser(&sink);
+  JSONReader reader;
+  size_t at = 0;
+  while (at < doc.size()) {
+    size_t size = std::min(nextSize(), doc.size() - at);
+    parser.streamIn(doc.data() + at, static_cast<int>(size), 0);
+    reader.streamIn(doc.data() + at, static_cast<int>(size), 0);
+    at += size;
+  }
+  parser.streamIn(nullptr, 0, 1);
+  reader.streamIn(nullptr, 0, 1);
+  EXPECT_EQ(parser.getError().code, reader.getError().code);
+  return {sink.log, reader.toJSON(), parser.getError().code};
+}
+
+// Every token kind and separator is cut somewhere by one of the 40 random
+// cuttings; the bytewise feed cuts them all.
+TEST(JSONChunkingTest, MixedDocumentGivesTheSameEventsAndTreeWholeBytewiseAndInRandomPieces) {
+  const std::string doc = kMixedDocument;
+  Result whole = feed(doc, [&]() { return doc.size(); });
+  ASSERT_EQ(whole.code, 0);
+  EXPECT_NE(whole.tree.find("\"kAy\""), std::string::npos) << whole.tree;
+  Result bytewise = feed(doc, []() { return size_t{1}; });
+  EXPECT_EQ(bytewise.events, whole.events);
+  EXPECT_EQ(bytewise.tree, whole.tree);
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE(seed);
+    std::mt19937 rng(seed);
+    size_t limit = seed % 4 == 0 ? 64 : 7;
+    Result random = feed(doc, [&]() { return 1 + rng() % limit; });
+    EXPECT_EQ(random.events, whole.events);
+    EXPECT_EQ(random.tree, whole.tree);
+  }
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // MethodResponse: the per-transfer sequence of calls into its reader and the
-// result it keeps, with a recording reader and with the real readers.
+// result it keeps, with a recording reader and with the JSON reader.
 #include "doc/method_response.h"
 
 #include <gtest/gtest.h>
@@ -7,14 +7,12 @@
 #include <string>
 
 #include "doc/json_reader.h"
-#include "doc/xml_reader.h"
 
 namespace {
 
 using webs::JSONReader;
 using webs::MethodResponse;
 using webs::TreeReader;
-using webs::XMLReader;
 
 // Records every call the response makes into it, in order.
 class RecordingReader : public TreeReader {
@@ -133,20 +131,6 @@ TEST(MethodResponseTest, ReadyReceiveResetsSuccessAndErrorStrings) {
     }
   }
   EXPECT_EQ(response.processed, 4);
-}
-
-TEST(MethodResponseTest, XMLReaderKeepsItsTreeAcrossTransfers) {
-  XMLReader reader;
-  MethodResponse response;
-  response.initialize(&reader);
-  EXPECT_TRUE(reader.isInitialized());
-  XMLReader::startElem(&reader, "kept", nullptr);
-  XMLReader::endElem(&reader, "kept");
-  response.readyReceive();
-  char body[] = "<ignored/>";
-  EXPECT_EQ(response.receive(body, 10, nullptr, 0), 10);
-  response.finishReceive();
-  EXPECT_EQ(reader.toXML(), "<kept/>");
 }
 
 }  // namespace
