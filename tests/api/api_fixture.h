@@ -28,6 +28,13 @@ inline std::string writePatternFile(const TempDir& dir, const std::string& name,
   return dir.write(name, patternBytes(0, size));
 }
 
+// Writes a pattern file of `size` bytes into `dir` and opens it: the handle,
+// or -1 when the open failed.
+inline int openPatternFile(const TempDir& dir, long long size) {
+  int h = -1;
+  return x_smart_file_open(writePatternFile(dir, "f", size).c_str(), &h) == SMFR_OK ? h : -1;
+}
+
 // Reads until `want` bytes, the end or a failure; the last code in *code.
 inline std::string readAll(int handle, long long want, int chunk, int* code) {
   std::string out;

@@ -1,5 +1,4 @@
 #include <atomic>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -51,52 +50,56 @@ void onDone(int reqID, void* userdata, int status, int bytes) {
   static_cast<Reports*>(userdata)->add(reqID, status, bytes);
 }
 
-TEST(AsyncRead, CompletesWithStatusOneThenFourAtTheEnd) {
+// Starts an asynchronous read and waits for its one report.
+Report readAsync(int h, char* buf, int size, Reports& reports) {
+  size_t before = reports.size();
+  int id = 0;
+  EXPECT_EQ(x_smart_file_read_async(h, buf, size, onDone, &reports, &id), SMFR_OK);
+  EXPECT_TRUE(waitFor([&] { return reports.size() == before + 1; }));
+  Report r = reports.size() > before ? reports.snapshot()[before] : Report{-1, -1, -1};
+  EXPECT_EQ(r.reqID, id);
+  return r;
+}
+
+TEST(AsyncRead, CompletesWithStatusOneThenFourAtTheEndAndIgnoresAbortsOfFinishedIds) {
   TempDir dir;
-  std::string path = testsupport::writePatternFile(dir, "f", 100000);
-  int h = 0;
-  ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
+  int h = testsupport::openPatternFile(dir, 100000);
+  ASSERT_GE(h, 1);
   Reports reports;
   std::vector<char> buf(60000);
-  int id = 0;
-  ASSERT_EQ(x_smart_file_read_async(h, buf.data(), 60000, onDone, &reports, &id), SMFR_OK);
-  EXPECT_GE(id, 1);
-  ASSERT_TRUE(waitFor([&] { return reports.size() == 1; }));
-  EXPECT_EQ(reports.countOf(id, SMFR_ASYNC_DONE), 1);
-  EXPECT_EQ(reports.snapshot()[0].bytes, 60000);
+  Report first = readAsync(h, buf.data(), 60000, reports);
+  EXPECT_GE(first.reqID, 1);
+  EXPECT_EQ(first.status, SMFR_ASYNC_DONE);
+  EXPECT_EQ(first.bytes, 60000);
   EXPECT_EQ(testsupport::patternMismatches(buf.data(), 0, 60000), 0);
   EXPECT_TRUE(waitFor([&] { return x_smart_file_offset(h) == 60000; }));
-
-  int id2 = 0;
-  ASSERT_EQ(x_smart_file_read_async(h, buf.data(), 60000, onDone, &reports, &id2), SMFR_OK);
-  // The first id is free again once its callback returned.
-  EXPECT_EQ(id2, id);
-  ASSERT_TRUE(waitFor([&] { return reports.size() == 2; }));
-  // The short read up to the end still completes normally...
-  EXPECT_EQ(reports.snapshot()[1].status, SMFR_ASYNC_DONE);
-  EXPECT_EQ(reports.snapshot()[1].bytes, 40000);
+  // The short read up to the end still completes normally, under the first
+  // id, which is free again once its callback returned...
+  Report second = readAsync(h, buf.data(), 60000, reports);
+  EXPECT_EQ(second.reqID, first.reqID);
+  EXPECT_EQ(second.status, SMFR_ASYNC_DONE);
+  EXPECT_EQ(second.bytes, 40000);
   EXPECT_EQ(testsupport::patternMismatches(buf.data(), 60000, 40000), 0);
   EXPECT_TRUE(waitFor([&] { return x_smart_file_offset(h) == 100000; }));
   // ...and a read at the end reports the end of the content.
-  int id3 = 0;
-  ASSERT_EQ(x_smart_file_read_async(h, buf.data(), 100, onDone, &reports, &id3), SMFR_OK);
-  ASSERT_TRUE(waitFor([&] { return reports.size() == 3; }));
-  EXPECT_EQ(reports.snapshot()[2].status, SMFR_ASYNC_EOF);
-  EXPECT_EQ(reports.snapshot()[2].bytes, 0);
+  Report third = readAsync(h, buf.data(), 100, reports);
+  EXPECT_EQ(third.status, SMFR_ASYNC_EOF);
+  EXPECT_EQ(third.bytes, 0);
   EXPECT_EQ(x_smart_file_offset(h), 100000);
+
+  LogCapture log(-1);
+  EXPECT_EQ(x_smart_file_read_abort(h, third.reqID), SMFR_OK);
+  for (int invalid : {512, -1}) {
+    EXPECT_EQ(x_smart_file_read_abort(h, invalid), SMFR_NOT_HTTP);
+    EXPECT_TRUE(log.contains("reqID(" + std::to_string(invalid) + ") is invalid"));
+  }
+  EXPECT_TRUE(testsupport::staysFalse([&] { return reports.size() > 3; }, 100));
   EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
 }
 
-// Blocks the first callback until the test opens the gate, so the test can
-// seek while the asynchronous read is "in flight".
-struct GatedReports : Reports {
-  testsupport::Gate gate;
-  std::atomic<int> seekDone{0};
-};
-
+// The read waits for the silent source while another thread seeks; either
+// order of seek and completion ends at the seek's target.
 TEST(AsyncRead, ASeekMadeMeanwhileWinsOverTheCompletedRead) {
-  TempDir dir;
-  std::string path = testsupport::writePatternFile(dir, "f", 100000);
   testsupport::ScriptedProducer::Install install;
   int h = 0;
   ASSERT_EQ(x_smart_file_open("/scripted/100000/silent", &h), SMFR_OK);
@@ -104,8 +107,6 @@ TEST(AsyncRead, ASeekMadeMeanwhileWinsOverTheCompletedRead) {
   std::vector<char> buf(1000);
   int id = 0;
   ASSERT_EQ(x_smart_file_read_async(h, buf.data(), 1000, onDone, &reports, &id), SMFR_OK);
-  // The read waits for the silent source; the seek does not need its data
-  // size... the size is asked by seek, so seek from another thread.
   std::atomic<int> seekResult{99};
   std::thread seeker([&] {
     long long cur = 0;
@@ -117,56 +118,31 @@ TEST(AsyncRead, ASeekMadeMeanwhileWinsOverTheCompletedRead) {
   EXPECT_EQ(seekResult, SMFR_OK);
   EXPECT_EQ(reports.snapshot()[0].status, SMFR_ASYNC_DONE);
   EXPECT_EQ(testsupport::patternMismatches(buf.data(), 0, 1000), 0);
-  // Either order of seek and completion ends at the seek's target.
   EXPECT_EQ(x_smart_file_offset(h), 5000);
   EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
 }
 
-TEST(AsyncRead, InvalidIdsAreRefusedAndFinishedIdsAreIgnored) {
-  TempDir dir;
-  std::string path = testsupport::writePatternFile(dir, "f", 1000);
-  int h = 0;
-  ASSERT_EQ(x_smart_file_open(path.c_str(), &h), SMFR_OK);
-  LogCapture log(-1);
-  EXPECT_EQ(x_smart_file_read_abort(h, 512), SMFR_NOT_HTTP);
-  EXPECT_EQ(x_smart_file_read_abort(h, -1), SMFR_NOT_HTTP);
-  EXPECT_TRUE(log.contains("reqID(512) is invalid"));
-  EXPECT_TRUE(log.contains("reqID(-1) is invalid"));
-  Reports reports;
-  char buf[100];
-  int id = 0;
-  ASSERT_EQ(x_smart_file_read_async(h, buf, 100, onDone, &reports, &id), SMFR_OK);
-  ASSERT_TRUE(waitFor([&] { return reports.size() == 1; }));
-  EXPECT_EQ(x_smart_file_read_abort(h, id), SMFR_OK);
-  EXPECT_TRUE(testsupport::staysFalse([&] { return reports.size() > 1; }, 100));
-  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+testsupport::Gate gExecutorsBusy;
+std::atomic<int> gHolding{0};
+
+void holdExecutor(void*, util::TEngineEvent_E event) {
+  if (event != util::TENGINE_EVENT_EXECUTE) return;
+  ++gHolding;
+  gExecutorsBusy.pass();
+  --gHolding;
 }
 
 TEST(AsyncRead, The512thOutstandingRequestFailsAndQueuedOnesAreCancelledTwiceOrAtClose) {
   testsupport::ScriptedProducer::Install install;
   int h = 0;
   ASSERT_EQ(x_smart_file_open("/scripted/100000/silent", &h), SMFR_OK);
-  // Every executor is held busy first, so all requests stay queued: closing
-  // then has a known set of queued requests to withdraw. (Otherwise executors
-  // freed by the close's break would run some of them between the break and
-  // the withdrawal, and those fail rather than being cancelled.)
-  testsupport::Gate executorsBusy;
-  std::atomic<int> holding{0};
-  struct Hold {
-    testsupport::Gate* gate;
-    std::atomic<int>* holding;
-  } hold{&executorsBusy, &holding};
-  auto holdExecutor = [](void* arg, util::TEngineEvent_E event) {
-    if (event != util::TENGINE_EVENT_EXECUTE) return;
-    Hold* self = static_cast<Hold*>(arg);
-    ++*self->holding;
-    self->gate->pass();
-    --*self->holding;
-  };
+  // Every executor is held busy first, so all requests stay queued and the
+  // close has a known set to withdraw (a request an executor freed by the
+  // close's break runs would fail rather than be cancelled).
   for (int i = 0; i < util::ThreadEngine::kExecutorCount; ++i) {
-    util::ThreadEngine::_INS_.requestExecute(holdExecutor, &hold, nullptr);
+    util::ThreadEngine::_INS_.requestExecute(holdExecutor, nullptr, nullptr);
   }
-  ASSERT_TRUE(waitFor([&] { return holding == util::ThreadEngine::kExecutorCount; }));
+  ASSERT_TRUE(waitFor([&] { return gHolding == util::ThreadEngine::kExecutorCount; }));
   Reports reports;
   static char buf[511][16];
   std::vector<int> ids;
@@ -194,8 +170,8 @@ TEST(AsyncRead, The512thOutstandingRequestFailsAndQueuedOnesAreCancelledTwiceOrA
   for (const Report& r : reports.snapshot()) EXPECT_EQ(r.status, SMFR_ASYNC_CANCELLED);
   for (int id : ids) EXPECT_EQ(reports.countOf(id, SMFR_ASYNC_CANCELLED), id == last ? 2 : 1);
   EXPECT_TRUE(waitFor([&] { return webs::DullFile::pendingRequestCount() == 0; }));
-  executorsBusy.open();
-  EXPECT_TRUE(waitFor([&] { return holding == 0; }));
+  gExecutorsBusy.open();
+  EXPECT_TRUE(waitFor([&] { return gHolding == 0; }));
 }
 
 }  // namespace
