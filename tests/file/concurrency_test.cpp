@@ -8,15 +8,10 @@
 
 #include "corvane/smart_file.h"
 #include "file/dull_file_manager.h"
-#include "support/log_capture.h"
 #include "support/temp_dir.h"
-#include "support/wait.h"
 #include "tests/api/api_fixture.h"
 
-using testsupport::LogCapture;
-using testsupport::ScriptedProducer;
 using testsupport::TempDir;
-using testsupport::waitFor;
 
 namespace {
 

@@ -1,5 +1,6 @@
+// SmartFile's rules through the C interface: seeks on a stream that cannot
+// be read at random, and a blocked read broken by a close.
 #include <atomic>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -7,15 +8,12 @@
 #include <gtest/gtest.h>
 
 #include "corvane/smart_file.h"
-#include "file/dull_file_manager.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
 #include "support/wait.h"
 #include "tests/api/api_fixture.h"
 
 using testsupport::LogCapture;
 using testsupport::ScriptedProducer;
-using testsupport::TempDir;
 using testsupport::waitFor;
 
 namespace {

@@ -8,7 +8,6 @@
 #ifndef CORVANE_TESTS_FILE_SCRIPTED_PRODUCER_H_
 #define CORVANE_TESTS_FILE_SCRIPTED_PRODUCER_H_
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -32,12 +31,8 @@ class ScriptedProducer : public FileRequest {
     size_ = std::stoll(location.substr(10));
     seekable_ = location.find("/nonseekable") == std::string::npos;
     silent_ = location.find("/silent") != std::string::npos;
-    ++instances;
   }
-  ~ScriptedProducer() override {
-    release();
-    --instances;
-  }
+  ~ScriptedProducer() override { release(); }
 
   static FileRequest* factory(const std::string& location) {
     if (location.compare(0, 10, "/scripted/") != 0) return nullptr;
@@ -46,8 +41,8 @@ class ScriptedProducer : public FileRequest {
   struct Install {
     Install() {
       {
-        std::lock_guard<std::mutex> lock(gateMutex());
-        spoken() = false;
+        std::lock_guard<std::mutex> lock(gateMutex_);
+        spoken_ = false;
       }
       FileRequestAdaptor::setFactoryForTesting(&ScriptedProducer::factory);
     }
@@ -56,9 +51,9 @@ class ScriptedProducer : public FileRequest {
 
   // Lets every silent producer deliver.
   static void speak() {
-    std::lock_guard<std::mutex> lock(gateMutex());
-    spoken() = true;
-    gateCond().notify_all();
+    std::lock_guard<std::mutex> lock(gateMutex_);
+    spoken_ = true;
+    gateCond_.notify_all();
   }
 
   void release() override {
@@ -79,7 +74,6 @@ class ScriptedProducer : public FileRequest {
   int startStreaming(int version, long long from, long long count) override {
     std::lock_guard<std::mutex> lock(mutex_);
     if (out == nullptr) return -1;
-    ++starts;
     ++generation_;
     stop_ = false;
     long long begin = seekable_ ? from : 0;
@@ -95,8 +89,8 @@ class ScriptedProducer : public FileRequest {
       std::lock_guard<std::mutex> lock(mutex_);
       stop_ = true;
     }
-    std::lock_guard<std::mutex> gate(gateMutex());
-    gateCond().notify_all();
+    std::lock_guard<std::mutex> gate(gateMutex_);
+    gateCond_.notify_all();
     return 0;
   }
   bool isRandomAccess() override { return seekable_; }
@@ -107,33 +101,22 @@ class ScriptedProducer : public FileRequest {
   int getRequestType() override { return 0; }
   bool initialize() override { return true; }
 
-  static std::atomic<int> instances;
-  std::atomic<int> starts{0};
-
  private:
-  static std::mutex& gateMutex() {
-    static std::mutex m;
-    return m;
-  }
-  static std::condition_variable& gateCond() {
-    static std::condition_variable c;
-    return c;
-  }
-  static bool& spoken() {
-    static bool s = false;
-    return s;
-  }
+  // The speak gate all silent producers wait on.
+  static inline std::mutex gateMutex_;
+  static inline std::condition_variable gateCond_;
+  static inline bool spoken_ = false;
+
   bool stopped(int gen) {
     std::lock_guard<std::mutex> lock(mutex_);
     return stop_ || gen != generation_;
   }
   void run(util::StreamSink* sink, int version, long long begin, long long end, int gen) {
     if (silent_) {
-      std::unique_lock<std::mutex> lock(gateMutex());
+      std::unique_lock<std::mutex> lock(gateMutex_);
       // Bounded: a test that never lets it speak still ends.
-      gateCond().wait_for(lock, std::chrono::seconds(20),
-                          [&] { return spoken() || stopped(gen); });
-      if (!spoken()) return;
+      gateCond_.wait_for(lock, std::chrono::seconds(20), [&] { return spoken_ || stopped(gen); });
+      if (!spoken_) return;
     }
     sink->notifyStreamException(util::EVENT_STREAM_NORMAL);
     std::vector<char> chunk(kChunk);
@@ -154,8 +137,6 @@ class ScriptedProducer : public FileRequest {
   int generation_ = 0;
   std::vector<std::thread> threads_;
 };
-
-inline std::atomic<int> ScriptedProducer::instances{0};
 
 }  // namespace testsupport
 
