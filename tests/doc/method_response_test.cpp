@@ -70,7 +70,6 @@ TEST(MethodResponseTest, OneTransferCallsTheReaderInSequence) {
   EXPECT_EQ(reader.calls,
             "clear readyRead streamIn(abcd,4,0) streamIn(ef,2,0) streamIn(,0,0) "
             "streamIn(null,0,1) processResult ");
-  EXPECT_EQ(response.processed, 1);
 }
 
 TEST(MethodResponseTest, SwitchReaderDoesNotInitialiseAndNullIsAllowed) {
