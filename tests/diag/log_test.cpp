@@ -58,16 +58,23 @@ struct LevelFileCase {
 
 class LevelFile : public ::testing::TestWithParam<LevelFileCase> {};
 
-TEST_P(LevelFile, OnlyTheFirstTwoCharactersAreParsed) {
+// The level is reported at threshold -2, so only when the new level is at
+// least -2.
+TEST_P(LevelFile, OnlyTheFirstTwoCharactersAreParsedAndTheResultIsReported) {
   TempDir dir;
   LogCapture capture(-7);  // an unusual start value shows whether the file changed it
   util::detectLoglevelFrom(dir.write("log_level", GetParam().content).c_str(),
                            dir.file("fallback").c_str());
-  EXPECT_EQ(util::LOG_LEV, GetParam().expected) << "content \"" << GetParam().content << "\"";
+  const int level = GetParam().expected;
+  EXPECT_EQ(util::LOG_LEV, level) << "content \"" << GetParam().content << "\"";
+  EXPECT_EQ(capture.texts(), level >= -2 ? std::vector<std::string>{"Log level==" +
+                                                                   std::to_string(level) + "\n"}
+                                         : std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Contents, LevelFile,
                          ::testing::Values(LevelFileCase{"-4", -4}, LevelFileCase{"3", 3},
+                                           LevelFileCase{"-2", -2}, LevelFileCase{"-3", -3},
                                            LevelFileCase{"12", 12}, LevelFileCase{"3\n", 3},
                                            LevelFileCase{"-12", -1}, LevelFileCase{"100", 10},
                                            LevelFileCase{"ab", 0}, LevelFileCase{" 7", 7},
@@ -80,16 +87,6 @@ TEST(LevelFileFallback, IsOpenedButNeverReadAndMayBeMissing) {
   util::detectLoglevelFrom(dir.file("missing").c_str(), dir.file("missing-too").c_str());
   EXPECT_EQ(util::LOG_LEV, -3);
   EXPECT_TRUE(capture.texts().empty());
-}
-
-TEST(LevelFileReport, PrintedFromLevelMinusTwoOn) {
-  TempDir dir;
-  for (const char* content : {"-2", "-3"}) {
-    LogCapture capture(0);
-    util::detectLoglevelFrom(dir.write("log_level", content).c_str(), dir.file("fallback").c_str());
-    EXPECT_EQ(capture.texts(), content[1] == '2' ? std::vector<std::string>{"Log level==-2\n"}
-                                                 : std::vector<std::string>{});
-  }
 }
 
 }  // namespace
