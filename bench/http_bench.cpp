@@ -16,6 +16,7 @@
 //   http_bench [--no-https] [--size MiB] [--trace]
 #include <curl/curl.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -335,6 +336,9 @@ int main(int argc, char** argv) {
     std::printf("http_bench: skipped, %s is not installed\n", testsupport::kNginxBinary);
     return 0;
   }
+  // Output cut short (e.g. piped into head) must not kill the program
+  // before nginx is stopped and its directory removed.
+  signal(SIGPIPE, SIG_IGN);
   curl_global_init(CURL_GLOBAL_DEFAULT);
   if (!trace) {
     int devnull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);

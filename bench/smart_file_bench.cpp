@@ -5,6 +5,7 @@
 // file was written with (a sample of each large read, all of each small
 // one), so a fast wrong answer shows. It measures and prints; it asserts no
 // time. The exit code is 0 only when every byte checked was right.
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -69,10 +71,52 @@ double percentile95(std::vector<double> v) {
   return v[std::min(v.size() - 1, v.size() * 95 / 100)];
 }
 
+// Per thread of this process: nanoseconds on a CPU and nanoseconds runnable
+// but waiting for one (/proc/self/task/*/schedstat; empty where the kernel
+// keeps no such figures).
+struct CpuTimes {
+  double onCpuMs = 0;
+  double waitingMs = 0;
+};
+using ThreadTimes = std::map<int, std::pair<unsigned long long, unsigned long long>>;
+
+ThreadTimes threadTimes() {
+  ThreadTimes times;
+  DIR* dir = opendir("/proc/self/task");
+  if (dir == nullptr) return times;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string file = std::string("/proc/self/task/") + entry->d_name + "/schedstat";
+    FILE* in = std::fopen(file.c_str(), "r");
+    if (in == nullptr) continue;
+    unsigned long long run = 0, wait = 0;
+    if (std::fscanf(in, "%llu %llu", &run, &wait) == 2) times[std::atoi(entry->d_name)] = {run, wait};
+    std::fclose(in);
+  }
+  closedir(dir);
+  return times;
+}
+
+// Adds what the threads alive at `after` spent since `before`.
+void addTimes(const ThreadTimes& before, const ThreadTimes& after, CpuTimes* sum) {
+  for (const auto& [tid, t] : after) {
+    auto was = before.find(tid);
+    unsigned long long run = t.first, wait = t.second;
+    if (was != before.end()) {
+      run -= was->second.first;
+      wait -= was->second.second;
+    }
+    sum->onCpuMs += static_cast<double>(run) / 1e6;
+    sum->waitingMs += static_cast<double>(wait) / 1e6;
+  }
+}
+
 // MiB/s of reading the whole file with read(2); 0 when the bytes were wrong.
-double plainSequential(const std::string& path, std::vector<char>& buffer, int* wrong) {
+double plainSequential(const std::string& path, std::vector<char>& buffer, CpuTimes* cpu,
+                       int* wrong) {
   int fd = ::open(path.c_str(), O_RDONLY);
   if (fd < 0) return 0;
+  ThreadTimes timesBefore = threadTimes();
   auto start = Clock::now();
   long long total = 0;
   for (;;) {
@@ -82,6 +126,7 @@ double plainSequential(const std::string& path, std::vector<char>& buffer, int* 
     total += n;
   }
   double elapsed = seconds(start);
+  addTimes(timesBefore, threadTimes(), cpu);
   ::close(fd);
   if (total != kBigSize) ++*wrong;
   return static_cast<double>(total) / elapsed / (1024.0 * 1024.0);
@@ -95,10 +140,12 @@ long voluntarySwitches() {
 
 // MiB/s of reading the whole file through a handle, open and close included;
 // the voluntary context switches of the process (every thread) meanwhile are
-// added to `switches`: each is a thread that slept waiting for another.
+// added to `switches` (each is a thread that slept waiting for another), and
+// the threads' CPU time and time waiting for a CPU to `cpu`.
 double librarySequential(const std::string& path, std::vector<char>& buffer, long* switches,
-                         int* wrong) {
+                         CpuTimes* cpu, int* wrong) {
   long switchesBefore = voluntarySwitches();
+  ThreadTimes timesBefore = threadTimes();
   auto start = Clock::now();
   int handle = -1;
   if (x_smart_file_open(path.c_str(), &handle) != SMFR_OK) {
@@ -114,6 +161,7 @@ double librarySequential(const std::string& path, std::vector<char>& buffer, lon
     total += static_cast<long long>(got);
     if (got == 0) break;
   }
+  addTimes(timesBefore, threadTimes(), cpu);  // before the close ends the source's thread
   x_smart_file_close(handle);
   double elapsed = seconds(start);
   *switches += voluntarySwitches() - switchesBefore;
@@ -159,14 +207,16 @@ int main() {
   }
   std::vector<char> buffer(kReadSize);
   int wrong = 0;
-  plainSequential(big, buffer, &wrong);  // brings the file into the page cache
+  CpuTimes plainCpu, libraryCpu;
+  plainSequential(big, buffer, &plainCpu, &wrong);  // brings the file into the page cache
+  plainCpu = CpuTimes();
 
   // Rounds alternate so that a noisy neighbour hurts both sides alike.
   std::vector<double> plain, library;
   long switches = 0;
   for (int round = 0; round < kSequentialRounds; ++round) {
-    plain.push_back(plainSequential(big, buffer, &wrong));
-    library.push_back(librarySequential(big, buffer, &switches, &wrong));
+    plain.push_back(plainSequential(big, buffer, &plainCpu, &wrong));
+    library.push_back(librarySequential(big, buffer, &switches, &libraryCpu, &wrong));
   }
   std::printf("sequential 64 KiB reads of a page-cached 256 MiB file (%d rounds, median):\n",
               kSequentialRounds);
@@ -180,6 +230,12 @@ int main() {
   double chunks = static_cast<double>(kBigSize / 16384) * kSequentialRounds;
   std::printf("  library side: %.2f voluntary context switches per 16 KiB chunk\n",
               static_cast<double>(switches) / chunks);
+  // On a busy machine every such wake-up may wait for a CPU: the time
+  // threads were runnable but not running shows how much of the gap that is.
+  std::printf("  per round, all threads: read(2) %.0f ms on a CPU + %.0f ms waiting for one; "
+              "library %.0f ms + %.0f ms\n",
+              plainCpu.onCpuMs / kSequentialRounds, plainCpu.waitingMs / kSequentialRounds,
+              libraryCpu.onCpuMs / kSequentialRounds, libraryCpu.waitingMs / kSequentialRounds);
 
   std::vector<double> micros = smallOpenReadClose(small, &wrong);
   std::printf("open + first read + close of a %lld-byte file (%d times): median %.0f us, "
