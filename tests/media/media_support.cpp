@@ -74,6 +74,13 @@ RunResult runProgram(const std::vector<std::string>& args, const TempDir& dir,
   return r;
 }
 
+void fullStacksForChildLeakReports() {
+  const char* options = std::getenv("ASAN_OPTIONS");
+  if (options == nullptr) return;
+  std::string more = std::string(options) + ":fast_unwind_on_malloc=0";
+  setenv("ASAN_OPTIONS", more.c_str(), 1);
+}
+
 std::string findOnPath(const std::string& name) {
   const char* path = std::getenv("PATH");
   std::istringstream dirs(path ? path : "/usr/bin:/bin");

@@ -50,6 +50,12 @@ struct RunResult {
 RunResult runProgram(const std::vector<std::string>& args, const TempDir& dir,
                      const std::string& tag, int timeoutMs);
 
+// Under AddressSanitizer (ASAN_OPTIONS set), asks the programs this process
+// starts for full malloc stacks: OpenSSL is built without frame pointers,
+// and the leak suppressions of its per-thread state name functions inside
+// it. Call before starting any thread.
+void fullStacksForChildLeakReports();
+
 // Full path of a program on PATH, or "".
 std::string findOnPath(const std::string& name);
 
