@@ -179,69 +179,85 @@ bool HttpFileRequest::analyseFirstChunk(void* curl) {
   CV_LOG(0, "first time receive , get content length !!");
   long code = method.getResponseCode();
   CV_LOG(0, "response code: %d !!", static_cast<int>(code));
-  if (code == 0) {
-    contentSize.store(0, std::memory_order_relaxed);
-    seekable.store(false, std::memory_order_relaxed);
-    takeUnknownSize(code);
-  } else if (code != 200 && code != 206 && code < 400) {
-    wakeWaiters();
-    if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_ERROR);
-    CV_LOG(0, "http error %d", static_cast<int>(code));
-    return false;
-  } else if (code >= 400) {
-    CV_LOG(-4, "error, the server send %d respond code", static_cast<int>(code));
-    return false;
-  } else {
-    curl_off_t length = -1;
-    curl_easy_getinfo(static_cast<CURL*>(curl), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-    long long size = static_cast<long long>(length);
-    CV_LOG(0, "contentSize:%lld", size);
-    if ((size < kSmallContentSize && !method.checkFromContentLength()) || size <= 0) {
-      CV_LOG(0, "got contentSize is too small:%lld", size);
-      takeUnknownSize(code);
-    } else if (code == 200) {
-      contentSize.store(size, std::memory_order_relaxed);
-      CV_LOG(0, "got http:200 double check if server still support seek");
-      if (method.isRangeGet()) {
-        CV_LOG(0, "contain range request, but server return 200, try check seek");
-      } else {
-        CV_LOG(0, "check seekable");
-      }
-      bool seek = method.seekAbleCheckFromResponse();
-      seekable.store(seek, std::memory_order_relaxed);
-      CV_LOG(0, "double check seek:%d", seek ? 1 : 0);
-    } else {
-      // A 206 answer's length is that of the range asked for, which is the
-      // whole size only for an open range from 0; the total of its
-      // Content-Range is the size whenever the server gives one.
-      long long total = method.getSizeFromResponseRange();
-      contentSize.store(total > 0 ? total : size, std::memory_order_relaxed);
-      seekable.store(true, std::memory_order_relaxed);
-    }
+  long long length = -1;
+  if (code == 200 || code == 206) {
+    curl_off_t found = -1;
+    curl_easy_getinfo(static_cast<CURL*>(curl), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &found);
+    length = static_cast<long long>(found);
   }
-  method.setSupportSeek(seekable.load(std::memory_order_relaxed));
+  FirstAnswer answer = decideFirstAnswer(code, length, method);
+  if (!answer.proceed) {
+    if (answer.errorEvent) {
+      wakeWaiters();
+      if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_ERROR);
+      CV_LOG(0, "http error %d", static_cast<int>(code));
+    }
+    return false;
+  }
+  contentSize.store(answer.size, std::memory_order_relaxed);
+  seekable.store(answer.seekable, std::memory_order_relaxed);
+  method.setSupportSeek(answer.seekable);
   headerChecked = true;
   wakeWaiters();
   if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_NORMAL);
   return true;
 }
 
-void HttpFileRequest::takeUnknownSize(long code) {
+HttpFileRequest::FirstAnswer HttpFileRequest::decideFirstAnswer(long code, long long length,
+                                                                MethodRequest& method) {
+  FirstAnswer answer;
+  if (code == 0) {
+    takeUnknownSize(code, method, &answer);
+  } else if (code != 200 && code != 206 && code < 400) {
+    answer.proceed = false;
+    answer.errorEvent = true;
+  } else if (code >= 400) {
+    CV_LOG(-4, "error, the server send %d respond code", static_cast<int>(code));
+    answer.proceed = false;
+  } else {
+    long long size = length;
+    CV_LOG(0, "contentSize:%lld", size);
+    if ((size < kSmallContentSize && !method.checkFromContentLength()) || size <= 0) {
+      CV_LOG(0, "got contentSize is too small:%lld", size);
+      takeUnknownSize(code, method, &answer);
+    } else if (code == 200) {
+      answer.size = size;
+      CV_LOG(0, "got http:200 double check if server still support seek");
+      if (method.isRangeGet()) {
+        CV_LOG(0, "contain range request, but server return 200, try check seek");
+      } else {
+        CV_LOG(0, "check seekable");
+      }
+      answer.seekable = method.seekAbleCheckFromResponse();
+      CV_LOG(0, "double check seek:%d", answer.seekable ? 1 : 0);
+    } else {
+      // A 206 answer's length is that of the range asked for, which is the
+      // whole size only for an open range from 0; the total of its
+      // Content-Range is the size whenever the server gives one.
+      long long total = method.getSizeFromResponseRange();
+      answer.size = total > 0 ? total : size;
+      answer.seekable = true;
+    }
+  }
+  return answer;
+}
+
+void HttpFileRequest::takeUnknownSize(long code, MethodRequest& method, FirstAnswer* answer) {
   if (code == 206) {
     long long total = method.getSizeFromResponseRange();
     if (total == 0) {
-      seekable.store(false, std::memory_order_relaxed);
-      contentSize.store(kUnknownContentSize, std::memory_order_relaxed);
+      answer->seekable = false;
+      answer->size = kUnknownContentSize;
       CV_LOG(0, "Can't get size from content-range, don't support seek");
     } else {
-      seekable.store(true, std::memory_order_relaxed);
-      contentSize.store(total, std::memory_order_relaxed);
+      answer->seekable = true;
+      answer->size = total;
       CV_LOG(0, "new revise content size is:%lld", total);
     }
     return;
   }
-  seekable.store(false, std::memory_order_relaxed);
-  contentSize.store(kUnknownContentSize, std::memory_order_relaxed);
+  answer->seekable = false;
+  answer->size = kUnknownContentSize;
   CV_LOG(0, "Can't get size from the network file");
 }
 

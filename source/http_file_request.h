@@ -92,6 +92,19 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
     return method.getResponseHeader(buffer, size, length);
   }
 
+  // What the first answer of a transfer says about the source.
+  struct FirstAnswer {
+    bool proceed = true;      // false: the transfer ends at once (an error answer)
+    bool errorEvent = false;  // with proceed false: the answer is reported as a stream error
+    long long size = 0;
+    bool seekable = false;
+  };
+  // The first-chunk decision from the response code, the Content-Length
+  // libcurl found (-1 for none) and `method`'s analysis of the header block.
+  // Uses no state of a request, so header blocks alone can exercise it (the
+  // header fuzzer does).
+  static FirstAnswer decideFirstAnswer(long code, long long length, MethodRequest& method);
+
  private:
   // One transfer from `from`, then its end event.
   void sendRequest();
@@ -99,7 +112,7 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
   // must end at once (an error answer).
   bool analyseFirstChunk(void* curl);
   // The size once the Content-Length of a 200/206 answer was found unusable.
-  void takeUnknownSize(long code);
+  static void takeUnknownSize(long code, MethodRequest& method, FirstAnswer* answer);
   // Pushes one chunk into the sink; false when the sink refused it.
   bool deliver(void* data, int size, int version);
   // The event and download status for a result of executeGet.
