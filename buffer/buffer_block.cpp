@@ -16,16 +16,22 @@ unsigned long BufferBlock::in(const unsigned char* src, unsigned long len) {
   return n;
 }
 
-void BufferBlock::out(unsigned long offset, void* dst, unsigned long len,
-                      unsigned long* outLen) const {
+unsigned long BufferBlock::outSize(unsigned long offset, unsigned long len) const {
   // The difference is judged as a 32-bit signed value, as callers of the
   // block interface have always seen it; blocks are far below 2 GiB.
   int32_t left = static_cast<int32_t>(payload_ - offset);
-  unsigned long n = 0;
-  if (left >= 1) {
-    n = std::min<unsigned long>(static_cast<unsigned long>(left), len);
-    std::memcpy(dst, data_.data() + offset, n);
-  }
+  if (left < 1) return 0;
+  return std::min<unsigned long>(static_cast<unsigned long>(left), len);
+}
+
+void BufferBlock::copyOut(unsigned long offset, void* dst, unsigned long len) const {
+  if (len > 0) std::memcpy(dst, data_.data() + offset, len);
+}
+
+void BufferBlock::out(unsigned long offset, void* dst, unsigned long len,
+                      unsigned long* outLen) const {
+  unsigned long n = outSize(offset, len);
+  copyOut(offset, dst, n);
   *outLen = n;
 }
 

@@ -22,6 +22,17 @@ class BufferBlock {
   // Copies from `offset` (relative to the block's first byte) up to the
   // payload; *outLen = bytes copied.
   void out(unsigned long offset, void* dst, unsigned long len, unsigned long* outLen) const;
+  // The count out() would copy from `offset`, at most `len`.
+  unsigned long outSize(unsigned long offset, unsigned long len) const;
+  // Copies exactly `len` held bytes from `offset`. It touches those bytes
+  // only (not the payload count), so a reader may run it without the queue's
+  // lock while the writer appends behind them.
+  void copyOut(unsigned long offset, void* dst, unsigned long len) const;
+
+  // The free room after the payload, and taking `len` bytes written there
+  // as payload (at most the free room).
+  unsigned char* freeRoom() { return data_.data() + payload_; }
+  void commitIn(unsigned long len) { payload_ += len < sizeOfFree() ? len : sizeOfFree(); }
 
   unsigned long sizeOfFree() const { return data_.size() - payload_; }
   unsigned long size() const { return data_.size(); }

@@ -19,6 +19,12 @@
 // taken alone by the reconnection task; taskLock_ is a leaf lock for the count
 // of scheduled tasks (it is taken inside the engine's queue lock when a task
 // is cancelled). Fields read without a lock are atomics.
+//
+// Block bytes: the reader copies out of its block with streamLock_ let go,
+// after pinning the block (copyBlock_); it copies only bytes below the
+// payload it saw under the lock, and the writer only appends above it. A
+// pinned block is never rebased: the writer picks another block or waits for
+// the copy to end (awaitReaderCopy) before it decides anything.
 #ifndef CORVANE_BUFFER_BUFFER_QUEUE_H_
 #define CORVANE_BUFFER_BUFFER_QUEUE_H_
 
@@ -84,6 +90,9 @@ class BufferQueue : public Semaphore, public StreamSink {
   // Stream sink (producer threads).
   bool streamIn(void* data, unsigned long size, int version) override;
   void notifyStreamException(int event) override;
+  // A place in the write block while it has room for the whole chunk and
+  // the stream runs normally; the producer fills it without the lock.
+  void* directRoom(unsigned long size, int version) override;
 
   // Reading side (reader threads). read blocks until data, a final status
   // or breakRead.
@@ -148,7 +157,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   void setStatus(int status);
   bool isFinalStatus(int status, int retry) const;
   bool refuseChunk(int version);
-  bool storeChunk(void* data, unsigned long size, int version);
+  bool storeChunk(void* data, unsigned long size, int version, bool inPlace);
+  void takeWriteBlock(BlockIt chosen, long long begin);
   bool afterStore(BlockIt startHead, bool dropped);
   void handlePartialEnd();
   void handleCancel();
@@ -172,8 +182,15 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool fill(long long offset, unsigned long size, char* buffer, unsigned long* got, int mode);
   bool easyFill(long long offset, unsigned long size, char* buffer, unsigned long* got,
                 bool backward);
-  bool waitForData(const char* breakText);
+  bool waitForData(long long wakeAt, const char* breakText);
   void relocateReader(long long offset);
+  // Copies from the reader's block with the stream lock let go, the block
+  // pinned (copyBlock_) for that time.
+  unsigned long copyUnlocked(BufferBlock* block, unsigned long pos, char* dst, unsigned long len);
+  // Returns once no reader copy runs: called before a decision that may
+  // rebase any block. Lets the lock go while it waits.
+  void awaitReaderCopy();
+  bool writerCanGoOn();
   bool endReached(long long offset) const;
 
   void stopMonitor();
@@ -226,6 +243,15 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long producerPos_ = 0;      // offset of the next byte the producer sends
   long long activity_ = 0;         // chunks and events seen, for the monitor
   bool readerWaiting_ = false;     // a reader sleeps in fill/easyFill for data
+  BufferBlock* copyBlock_ = nullptr;  // pinned: a reader copies from it unlocked
+  bool copyAwaited_ = false;       // someone waits for that copy to end
+  // The place last handed out by directRoom and the block state it was
+  // handed out for; its chunk is taken in place only while that still holds.
+  unsigned char* roomPtr_ = nullptr;
+  BufferBlock* roomBlock_ = nullptr;
+  long long roomBegin_ = 0;
+  unsigned long roomPayload_ = 0;
+  int roomVersion_ = 0;
   long long wakeAt_ = 0;           // the write point at which that reader can go on
   int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
   bool released_ = false;

@@ -70,7 +70,7 @@ int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
   breakReadRequested_ = false;
   feedRequested_ = false;
   readInProgress_ = false;
-  if (writerWaiting_ || breakWaiters_ > 0) streamLock_.notifyAll();
+  if (breakWaiters_ > 0 || (writerWaiting_ && writerCanGoOn())) streamLock_.notifyAll();
   if (*got < size) {
     CV_LOG(2, "read ERROR that request:%d != readed:%d, curOffset:%lld, status:%d",
            static_cast<int>(size), static_cast<int>(*got), readOffset_.load(),
@@ -131,10 +131,10 @@ void BufferQueue::relocateReader(long long offset) {
 
 // Sleeps once for data. False when the read must end: break or final
 // status. REQUIRES: streamLock_ held.
-bool BufferQueue::waitForData(const char* breakText) {
+bool BufferQueue::waitForData(long long wakeAt, const char* breakText) {
   if (!breakReadRequested_ && !isFinalStatus(streamStatus_, retryCount_)) {
     readerWaiting_ = true;
-    wakeAt_ = 0;  // any chunk: the data is looked for afresh
+    wakeAt_ = wakeAt;
     feedIfIdle();
     streamLock_.notifyAll();
     streamLock_.wait();
@@ -200,7 +200,13 @@ bool BufferQueue::fill(long long offset, unsigned long size, char* buffer, unsig
       CV_LOG(2, "wait in the first block, rd:%lld, offset:%lld", tail->getBeginningSeqNum(), at);
       feedRequested_ = true;
     }
-    if (!waitForData(mode == 1 ? "break out at fill FORWARD" : "break out at fill BACKWARD")) {
+    // Woken once the writer holds all this read still wants (or the write
+    // point jumps elsewhere, or its connection ends), not at every chunk on
+    // the way there.
+    long long wakeAt = at + static_cast<long long>(size - *got);
+    if (known != 0 && wakeAt > known) wakeAt = known;
+    if (!waitForData(wakeAt,
+                     mode == 1 ? "break out at fill FORWARD" : "break out at fill BACKWARD")) {
       return false;
     }
     CV_LOG(2, mode == 1 ? "wake up in fill" : "wake up in fill BACKWARD");
@@ -217,8 +223,7 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
   }
   unsigned long pos = static_cast<unsigned long>(offset - block->getBeginningSeqNum());
   for (;;) {
-    unsigned long n = 0;
-    block->out(pos, buffer + *got, size - *got, &n);
+    unsigned long n = copyUnlocked(block, pos, buffer + *got, size - *got);
     CV_LOG(2, "output from block%d %d data, begin:%lld, payload:%d, seq = %lld",
            static_cast<int>(block->index), static_cast<int>(n), static_cast<long long>(pos),
            static_cast<int>(block->payloadSize()), block->getBeginningSeqNum());
@@ -243,11 +248,13 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
     if (block != *wtHead_ || !streamLive_) feedRequested_ = true;
     if (!breakReadRequested_ && !isFinalStatus(streamStatus_, retryCount_)) {
       readerWaiting_ = true;
-      long long blockEnd = block->getBeginningSeqNum() + kBlockSize;
+      // All this read still wants, across block ends: the reader's place
+      // (rdTail) stays on this block meanwhile, which only keeps the writer
+      // from recycling blocks the reader has not read yet.
       long long wanted = readOffset_ + static_cast<long long>(size - *got);
-      long long known = contentSize_;
+      known = contentSize_;
       if (known != 0 && wanted > known) wanted = known;
-      wakeAt_ = wanted < blockEnd ? wanted : blockEnd;
+      wakeAt_ = wanted;
       feedIfIdle();
       streamLock_.notifyAll();
       streamLock_.wait();
@@ -271,6 +278,50 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
       return true;
     }
   }
+}
+
+// The copy is the reader's main cost; under the stream lock it would stall
+// the writer for its whole length (and a writer blocked on the mutex sleeps:
+// two context switches). Bytes below the payload count are never written
+// again until the block is rebased, and a pinned block is not rebased (see
+// the class comment). REQUIRES: streamLock_ held (let go and taken again).
+unsigned long BufferQueue::copyUnlocked(BufferBlock* block, unsigned long pos, char* dst,
+                                        unsigned long len) {
+  unsigned long n = block->outSize(pos, len);
+  if (n == 0) return 0;
+  copyBlock_ = block;
+  {
+    SyncUnguard unguard(streamLock_);
+    block->copyOut(pos, dst, n);
+  }
+  copyBlock_ = nullptr;
+  if (copyAwaited_) {
+    copyAwaited_ = false;
+    streamLock_.notifyAll();
+  }
+  return n;
+}
+
+// REQUIRES: streamLock_ held. The way out is the end of the copy, which
+// cannot block.
+void BufferQueue::awaitReaderCopy() {
+  while (copyBlock_ != nullptr) {
+    copyAwaited_ = true;
+    streamLock_.wait();
+  }
+}
+
+// Whether a writer waiting for a block is worth waking: a quarter of the
+// blocks (at least one) can be recycled. Waking it for every freed block
+// costs two context switches per 32 KiB; a reader about to sleep wakes it
+// regardless. REQUIRES: streamLock_ held.
+bool BufferQueue::writerCanGoOn() {
+  long long wanted = blockCount_ / 4;
+  if (wanted < 1) wanted = 1;
+  long long free = 0;
+  for (BlockIt it = blocks_.begin(); it != rdTail_ && free < wanted; ++it) ++free;
+  if (free < wanted && blocks_.back()->isUnused()) ++free;
+  return free >= wanted;
 }
 
 bool BufferQueue::seek(long long offset, long long* newOffset) {

@@ -1,5 +1,7 @@
 // BufferQueue, sink side: how a producer's chunks are placed into blocks and
 // how its stream events move the stream status.
+#include <vector>
+
 #include "buffer/buffer_queue.h"
 
 #include "diag/log.h"
@@ -15,7 +17,13 @@ bool BufferQueue::refuseChunk(int version) {
   bool final = isFinalStatus(status, retryCount_);
   if (final) CV_LOG(0, "stream status is :%d", status);
   CV_LOG(2, "ver = %d, version =%d, needExit = %d", version, version_.load(), final ? 1 : 0);
-  if (rdTail_ != wtHead_ && (*wtHead_)->payloadSize() != static_cast<unsigned long>(kBlockSize)) {
+  // A partly filled write block of a superseded connection is given up, but
+  // not once the current connection has taken it up as its write point (it
+  // continues that block): that would drop bytes it relies on, and the
+  // reader might not have reached them yet.
+  bool currentWritesHere = streamLive_ && !startPending_ && (*wtHead_)->endSeqNum() == producerPos_;
+  if (rdTail_ != wtHead_ && !currentWritesHere &&
+      (*wtHead_)->payloadSize() != static_cast<unsigned long>(kBlockSize)) {
     resetBlock(wtHead_);
     wtHead_ = rdTail_;
   }
@@ -25,20 +33,103 @@ bool BufferQueue::refuseChunk(int version) {
 bool BufferQueue::streamIn(void* data, unsigned long size, int version) {
   SyncGuard guard(streamLock_);
   if (blocks_.empty()) return false;  // not initialised
-  BufferBlock* head = *wtHead_;
-  bool goOn = storeChunk(data, size, version);
-  // Wake a sleeping reader only when it can go on (its bytes are there, the
-  // write point moved to another block, or this connection ended): one
-  // wake-up per read rather than per chunk.
-  if (readerWaiting_ &&
-      (!goOn || *wtHead_ != head || (*wtHead_)->endSeqNum() >= wakeAt_)) {
-    streamLock_.notifyAll();
+  long long endBefore = (*wtHead_)->endSeqNum();
+  bool inPlace = false;
+  std::vector<unsigned char> moved;
+  if (roomPtr_ != nullptr && data == roomPtr_) {
+    // The chunk was read into the room directRoom handed out. Taken where it
+    // lies if nothing moved meanwhile; else it goes the ordinary way, copied
+    // out first, as the room's bytes may be where it is to be written
+    // (rare: a restart or a refusal came in between).
+    BufferBlock* head = *wtHead_;
+    inPlace = roomBlock_ == head && head->getBeginningSeqNum() == roomBegin_ &&
+              head->payloadSize() == roomPayload_ && version == roomVersion_ &&
+              head->sizeOfFree() >= size && version == version_ &&
+              streamStatus_ == STREAM_NORMAL && seekable_ &&
+              head->endSeqNum() == producerPos_;
+    if (!inPlace) {
+      moved.assign(roomPtr_, roomPtr_ + size);
+      data = moved.data();
+    }
+  }
+  roomPtr_ = nullptr;
+  roomBlock_ = nullptr;
+  bool goOn = storeChunk(data, size, version, inPlace);
+  // Wake a sleeping reader only when it can go on: the bytes it waits for
+  // are all there, the write point jumped (anything but this chunk appended
+  // right after the previous one), or this connection ended. Waking it per
+  // chunk costs two context switches each and keeps both threads from
+  // running side by side.
+  if (readerWaiting_) {
+    long long endAfter = (*wtHead_)->endSeqNum();
+    if (!goOn || endAfter != endBefore + static_cast<long long>(size) || endAfter >= wakeAt_) {
+      streamLock_.notifyAll();
+    }
   }
   return goOn;
 }
 
 // The sink's work for one chunk. REQUIRES: streamLock_ held.
-bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
+void* BufferQueue::directRoom(unsigned long size, int version) {
+  SyncGuard guard(streamLock_);
+  roomPtr_ = nullptr;
+  roomBlock_ = nullptr;
+  if (blocks_.empty() || size == 0 || version != version_ || streamStatus_ != STREAM_NORMAL ||
+      !seekable_ || (*wtHead_)->endSeqNum() != producerPos_) {
+    return nullptr;
+  }
+  BufferBlock* head = *wtHead_;
+  if (head->sizeOfFree() == 0) {
+    // A full write block: move on to a new one now if one is free at once
+    // (the same choice streamIn makes); anything harder goes the ordinary
+    // way.
+    long long end = head->getBeginningSeqNum() + kBlockSize;
+    BlockIt next = std::next(wtHead_);
+    if (next != blocks_.end() && (*next)->getBeginningSeqNum() != 0 &&
+        (*next)->getBeginningSeqNum() <= end) {
+      return nullptr;
+    }
+    BlockIt chosen = selectBlockToWrite(true);
+    if (chosen == blocks_.end() || chosen == wtHead_ || *chosen == copyBlock_) return nullptr;
+    takeWriteBlock(chosen, end);
+    head = *wtHead_;
+  }
+  if (head->sizeOfFree() < size) return nullptr;
+  roomPtr_ = head->freeRoom();
+  roomBlock_ = head;
+  roomBegin_ = head->getBeginningSeqNum();
+  roomPayload_ = head->payloadSize();
+  roomVersion_ = version;
+  return roomPtr_;
+}
+
+// Makes the recycled block `chosen` the write block, right after the old
+// one, rebased to `begin`. REQUIRES: streamLock_ held; chosen not pinned.
+void BufferQueue::takeWriteBlock(BlockIt chosen, long long begin) {
+  blocks_.splice(std::next(wtHead_), blocks_, chosen);
+  wtHead_ = chosen;
+  CV_LOG(2, "insert");
+  CV_LOG(2, "move another block to the tail");
+  if (std::next(wtHead_) == blocks_.end()) CV_LOG(2, "EEEEEEEEEEEEEEEEEEEEEEEEEEE");
+  (*wtHead_)->setBeginningSeqNum(begin, true);
+  if (std::next(wtHead_) != blocks_.end() && !checkErrorInsert(wtHead_)) {
+    CV_LOG(2, "error insert block");
+  }
+  CV_LOG(2, "new block %d begin from %lld", static_cast<int>((*wtHead_)->index), begin);
+}
+
+bool BufferQueue::storeChunk(void* data, unsigned long size, int version, bool inPlace) {
+  // A reader may be copying from a pinned block without the lock. Appending
+  // at the write point of a seekable stream writes behind the bytes it
+  // copies, and a new block is never the pinned one (see the choice below);
+  // anything else (a refusal, a new write point, starting over) waits for
+  // the copy first, here, before any decision, since the wait lets the lock
+  // go.
+  if (copyBlock_ != nullptr &&
+      (version != version_ || streamStatus_ != STREAM_NORMAL || !seekable_ ||
+       (*wtHead_)->endSeqNum() != producerPos_)) {
+    awaitReaderCopy();
+  }
   retryCount_ = 0;
   ++activity_;
   int status = streamStatus_;
@@ -63,7 +154,15 @@ bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
   }
   BlockIt startHead = wtHead_;
   const unsigned char* src = static_cast<const unsigned char*>(data);
-  unsigned long taken = (*wtHead_)->in(src, size);
+  unsigned long taken;
+  // In place only as streamIn checked it: none of the checks above let the
+  // lock go or moved the write block for such a chunk.
+  if (inPlace) {
+    (*wtHead_)->commitIn(size);
+    taken = size;
+  } else {
+    taken = (*wtHead_)->in(src, size);
+  }
   CV_LOG(2, "size:%d, sz:%d, rdblock:%d, wtblock:%d, usedSize:%d, begin from:%lld",
          static_cast<int>(size), static_cast<int>(taken), static_cast<int>((*rdTail_)->index),
          static_cast<int>((*wtHead_)->index), static_cast<int>((*wtHead_)->payloadSize()),
@@ -88,6 +187,11 @@ bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
     BlockIt chosen = selectBlockToWrite(true);
     long long rdTailBefore = (*rdTail_)->getBeginningSeqNum();
     BufferBlock* rdTailBlock = *rdTail_;
+    if (chosen != blocks_.end() && *chosen == copyBlock_) {
+      // The reader copies from it right now: wait for the copy's end.
+      copyAwaited_ = true;
+      chosen = blocks_.end();
+    }
     while (chosen == blocks_.end()) {
       CV_LOG(2, "wait in streamIn");
       writerWaiting_ = true;
@@ -112,26 +216,22 @@ bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
         break;
       }
       chosen = selectBlockToWrite(true);
+      if (chosen != blocks_.end() && *chosen == copyBlock_) {
+        copyAwaited_ = true;
+        chosen = blocks_.end();
+      }
     }
     if (dropped) break;
     if (chosen == wtHead_) {
       CV_LOG(2, "ERROR, shouldn't go here");
       dumpBuffer(false);
+      awaitReaderCopy();
       resetBlock(wtHead_);
       wtHead_ = rdTail_;
       streamLive_ = false;
       return false;
     }
-    blocks_.splice(std::next(wtHead_), blocks_, chosen);
-    wtHead_ = chosen;
-    CV_LOG(2, "insert");
-    CV_LOG(2, "move another block to the tail");
-    if (std::next(wtHead_) == blocks_.end()) CV_LOG(2, "EEEEEEEEEEEEEEEEEEEEEEEEEEE");
-    (*wtHead_)->setBeginningSeqNum(end, true);
-    if (std::next(wtHead_) != blocks_.end() && !checkErrorInsert(wtHead_)) {
-      CV_LOG(2, "error insert block");
-    }
-    CV_LOG(2, "new block %d begin from %lld", static_cast<int>((*wtHead_)->index), end);
+    takeWriteBlock(chosen, end);
     taken += (*wtHead_)->in(src + taken, size - taken);
     CV_LOG(2, "wtblock:%d, usedSize:%d, rdTail block:%d", static_cast<int>((*wtHead_)->index),
            static_cast<int>((*wtHead_)->payloadSize()), static_cast<int>((*rdTail_)->index));
@@ -153,6 +253,9 @@ bool BufferQueue::storeChunk(void* data, unsigned long size, int version) {
 // Steps after the chunk is stored: whether this connection still serves the
 // waiting reader. True to go on. REQUIRES: streamLock_ held.
 bool BufferQueue::afterStore(BlockIt startHead, bool dropped) {
+  // Starting a source that cannot seek over rebases blocks: not while a
+  // reader copies (the writer may have slept for a block meanwhile).
+  if (!seekable_) awaitReaderCopy();
   if (!feedRequested_) {
     CV_LOG(2, "end from streamIn");
     return true;

@@ -44,6 +44,9 @@ void BufferQueue::workBegin() {
       // without the pause the line announces, as deployed players expect.
       delay(300);
     }
+    // The write point may move to any block: not while a reader copies
+    // from one without the lock.
+    awaitReaderCopy();
     if (wtHead_ == blocks_.end()) {
       CV_LOG(1, "crash here !!!!");
       return;

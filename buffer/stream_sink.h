@@ -26,6 +26,15 @@ class StreamSink {
   // One chunk of generation `version`; a chunk of size 0 is allowed. True
   // when the producer should go on, false when it must stop this connection.
   virtual bool streamIn(void* data, unsigned long size, int version) = 0;
+  // Where the producer may read its next chunk of up to `size` bytes
+  // directly, sparing a copy; it then hands the chunk over with
+  // streamIn(place, got, version) as usual, before asking for another place.
+  // Null when it must use its own buffer (the default).
+  virtual void* directRoom(unsigned long size, int version) {
+    (void)size;
+    (void)version;
+    return nullptr;
+  }
   virtual void notifyStreamException(int event) = 0;
 };
 

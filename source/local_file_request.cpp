@@ -110,9 +110,15 @@ void LocalFileRequest::closeStream() {
 int LocalFileRequest::read(char* buffer, unsigned long size, int ver) {
   util::SyncGuard guard(*this);
   if (stopped || !stream.is_open() || stream.eof()) return -1;
-  stream.read(buffer, static_cast<std::streamsize>(size));
+  // Straight into the queue's write block when it offers room, sparing one
+  // copy of every chunk; else through the thread's own chunk buffer.
+  char* place = buffer;
+  if (out != nullptr) {
+    if (void* room = out->directRoom(size, ver)) place = static_cast<char*>(room);
+  }
+  stream.read(place, static_cast<std::streamsize>(size));
   unsigned long got = static_cast<unsigned long>(stream.gcount());
-  if (out != nullptr && out->streamIn(buffer, got, ver)) {
+  if (out != nullptr && out->streamIn(place, got, ver)) {
     if (got == 0 && stream.eof()) {
       CV_LOG(0, "xxxxxx eof");
       return -1;

@@ -1,7 +1,9 @@
 // LocalFileRequest: the producer of a file of the local file system. A
 // restartable reader thread (`thread`, routine perform) reads 16384-byte
 // chunks from `from` and pushes each into the sink with the generation
-// number of its start.
+// number of its start. A chunk is read straight into the sink's write block
+// when the sink offers room for it (directRoom), else into the thread's own
+// buffer.
 //
 // Owned by a DullFile. Called by the queue's worker, reconnection task or
 // monitor (start/stop), by its own reader thread (read), and by the closing
