@@ -94,12 +94,14 @@ static long long knownSize(CorvaneIo* io) {
   return io->size;
 }
 
-/* FFmpeg's error for a failed library call. */
+/* FFmpeg's error for a library call that did not succeed; failures are
+ * remembered for the error message. A refusal of service maps to
+ * ECONNREFUSED, FFmpeg having no code of its own for it. */
 static int toAvError(CorvaneIo* io, int code, const char* call) {
+  if (code == SMFR_EOF) return AVERROR_EOF;
   io->lastCode = code;
   io->lastCall = call;
   switch (code) {
-    case SMFR_EOF: return AVERROR_EOF;
     case SMFR_NOT_FOUND: return AVERROR(ENOENT);
     case SMFR_NOT_AVAILABLE: return AVERROR(ECONNREFUSED);
     case SMFR_BUSY: return AVERROR(ESPIPE);
@@ -108,7 +110,10 @@ static int toAvError(CorvaneIo* io, int code, const char* call) {
        * a known size that is the end; short of it the stream broke off, and
        * calling that the end would hand the demuxer a silently cut file. */
       long long size = knownSize(io);
-      if (size <= 0 || x_smart_file_offset(io->handle) >= size) return AVERROR_EOF;
+      if (size <= 0 || x_smart_file_offset(io->handle) >= size) {
+        io->lastCode = SMFR_OK;
+        return AVERROR_EOF;
+      }
       return AVERROR(EIO);
     }
     case SMFR_TIMEOUT:
