@@ -132,6 +132,15 @@ TEST_P(MediaProbeTest, ConnectionsDroppedEvery512KiBMatchFfprobe) {
   }
 }
 
+// A buffer much smaller than the clip: every step back of the demuxer and
+// the jump to an index at the tail leave the buffered window.
+TEST_P(MediaProbeTest, SmallLibraryBufferMatchesFfprobe) {
+  NginxFixture nginx;
+  CV_START_NGINX_OR_SKIP(nginx);
+  nginx.addFile(GetParam().fileName, bytes_);
+  expectReference(probe(nginx.httpUrl(GetParam().fileName), {"--buffer", "262144"}), 1);
+}
+
 TEST_P(MediaProbeTest, TwoHandlesDemuxingOneUrlAtOnceBothMatchFfprobe) {
   NginxFixture nginx;
   CV_START_NGINX_OR_SKIP(nginx);
