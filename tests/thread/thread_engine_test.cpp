@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,13 +25,13 @@ namespace {
 struct Job {
   std::atomic<int> executed{0};
   std::atomic<int> cancelled{0};
+  std::atomic<int> startedAs{0};  // 1 for the first job of the test to start, ...
   Gate* gate = nullptr;
 };
 
 std::atomic<int> gRunningNow{0};
 std::atomic<int> gMostAtOnce{0};
-std::mutex gOrderMutex;
-std::vector<Job*> gOrder;
+std::atomic<int> gStarted{0};
 
 void jobCallback(void* arg, TEngineEvent_E event) {
   Job* job = static_cast<Job*>(arg);
@@ -44,18 +43,10 @@ void jobCallback(void* arg, TEngineEvent_E event) {
   int most = gMostAtOnce;
   while (now > most && !gMostAtOnce.compare_exchange_weak(most, now)) {
   }
-  {
-    std::lock_guard<std::mutex> lock(gOrderMutex);
-    gOrder.push_back(job);
-  }
+  job->startedAs = ++gStarted;
   if (job->gate) job->gate->pass();
   ++job->executed;
   --gRunningNow;  // the last touch of the job: the test may free it after this
-}
-
-size_t orderSize() {
-  std::lock_guard<std::mutex> lock(gOrderMutex);
-  return gOrder.size();
 }
 
 // The same work under another function, to tell two tasks of one arg apart.
@@ -65,8 +56,7 @@ class ThreadEngineTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ThreadEngine::_INS_.initialize();
-    std::lock_guard<std::mutex> lock(gOrderMutex);
-    gOrder.clear();
+    gStarted = 0;
   }
   // Jobs live in the fixture, so executors still finishing one after the
   // test body has returned touch live memory; TearDown drains them.
@@ -100,10 +90,9 @@ TEST_F(ThreadEngineTest, SixOfSevenTasksRunTogetherAndTheSeventhWhenOneReturns) 
   for (int i = 0; i < 7; ++i) ThreadEngine::_INS_.requestExecute(&jobCallback, &jobs[i], nullptr);
   ASSERT_TRUE(waitFor([&] { return gRunningNow == 6; }));
   EXPECT_TRUE(staysFalse([&] { return jobs[6].executed + gRunningNow > 6; }, 200));
-  EXPECT_EQ(orderSize(), 6u);
+  EXPECT_EQ(gStarted, 6);
   first.open();
-  ASSERT_TRUE(waitFor([&] { return orderSize() == 7; }));
-  EXPECT_EQ(gOrder.back(), &jobs[6]);
+  ASSERT_TRUE(waitFor([&] { return jobs[6].startedAs == 7; }));
   EXPECT_EQ(gMostAtOnce, 6);
 }
 
@@ -113,9 +102,7 @@ TEST_F(ThreadEngineTest, TasksAreHandedOutFirstInFirstOut) {
   Job* queued = newJobs(8);
   for (int i = 0; i < 8; ++i) ThreadEngine::_INS_.requestExecuteOrderly(&jobCallback, &queued[i], nullptr);
   ASSERT_TRUE(waitFor([&] { return queued[7].executed == 1; }));
-  std::lock_guard<std::mutex> lock(gOrderMutex);
-  ASSERT_EQ(gOrder.size(), 13u);
-  for (int i = 0; i < 8; ++i) EXPECT_EQ(gOrder[5 + i], &queued[i]) << i;
+  for (int i = 0; i < 8; ++i) EXPECT_EQ(queued[i].startedAs, 6 + i) << i;
 }
 
 TEST_F(ThreadEngineTest, CancelWithdrawsOnlyTheFirstPendingTaskOfItsArgumentNeverARunningOne) {

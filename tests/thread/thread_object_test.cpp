@@ -42,7 +42,9 @@ TEST(ThreadObject, RunsOncePerStartAndSleepsBetweenRuns) {
   EXPECT_EQ(probe.exitSeen, 1);
 
   ASSERT_TRUE(worker.start(&probe));
+  // Waking a sleeper goes on into the re-alive step: both lines appear.
   EXPECT_TRUE(log.contains("Tend to wake up or restart thread, sleep:1, alive:0"));
+  EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
   ASSERT_TRUE(log.waitFor("thread begin to sleep", 2));
   EXPECT_EQ(probe.runs, 2);
   EXPECT_TRUE(log.contains("thread woken up"));
