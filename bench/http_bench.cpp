@@ -6,7 +6,10 @@
 //   - time to first byte: open + first read vs a fresh libcurl transfer to
 //     its first write callback (median of several runs);
 //   - random 64 KiB reads at 200 offsets through one handle vs one fresh
-//     ranged libcurl GET per offset (median, p95).
+//     ranged libcurl GET per offset (median, p95); beside it the same GETs
+//     asking for everything from the offset on and dropped after 64 KiB,
+//     the shape of the library's own connections, and GETs on one kept-alive
+//     connection.
 // Every byte is checked against the pattern nginx serves (a sample of each
 // large read, all of each random read, outside the timed part), so a fast
 // wrong answer shows. It measures and prints; it asserts no time. The exit
