@@ -112,6 +112,12 @@ int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
 // wait. REQUIRES: streamLock_ held.
 void BufferQueue::relocateReader(long long offset) {
   if (!(*rdTail_)->isUnused() && (*rdTail_)->willContained(offset)) return;
+  // Sequential reading moves on to the next block: tried before the scan.
+  BlockIt next = std::next(rdTail_);
+  if (next != blocks_.end() && !(*next)->isUnused() && (*next)->willContained(offset)) {
+    rdTail_ = next;
+    return;
+  }
   BlockIt before = blocks_.end();
   for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
     BufferBlock* b = *it;

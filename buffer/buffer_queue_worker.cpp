@@ -29,9 +29,8 @@ void BufferQueue::workBegin() {
   int version = 0;
   {
     SyncGuard guard(streamLock_);
-    // From here on this routine decides: later wishes may start another.
-    startPending_ = false;
     if (needExit()) {
+      startPending_ = false;
       CV_LOG(1, "break from workBegin because of exit request");
       return;
     }
@@ -47,6 +46,11 @@ void BufferQueue::workBegin() {
     // The write point may move to any block: not while a reader copies
     // from one without the lock.
     awaitReaderCopy();
+    // From here on this routine decides, without letting the lock go again
+    // until the connection is placed: later wishes may start another. While
+    // the lock was let go above, a reader wanting data saw this start still
+    // pending and only moved rangeBegin, which is read below.
+    startPending_ = false;
     if (wtHead_ == blocks_.end()) {
       CV_LOG(1, "crash here !!!!");
       return;
