@@ -600,7 +600,8 @@ int main(int argc, char** argv) {
   std::vector<std::thread> threads;
   for (int i = 0; i < kThreads; ++i) {
     workers.push_back(std::make_unique<Worker>(w, i));
-    threads.emplace_back([&workers, i] { workers[static_cast<size_t>(i)]->run(); });
+    Worker* worker = workers.back().get();
+    threads.emplace_back([worker] { worker->run(); });
   }
   long long end = nowMs() + seconds * 1000;
   while (nowMs() < end) std::this_thread::sleep_for(std::chrono::milliseconds(100));
