@@ -65,6 +65,8 @@ class MethodRequest : public util::Semaphore {
   void setBreak();
   void setStopWait();
   bool getStopWait() const { return stopWait.load(std::memory_order_relaxed); }
+  // Drops a stop-wait mark no stop() followed (see HttpFileRequest).
+  void clearStopWait() { stopWait.store(false, std::memory_order_relaxed); }
   // Ends a running transfer at its next progress callback and waits for it.
   // Never from the transfer's own thread (a Requestor callback): it would
   // wait for itself.

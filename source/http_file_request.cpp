@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include <chrono>
+
 #include "diag/log.h"
 #include "http/transfer_result.h"
 #include "thread/rude_timer.h"
@@ -284,9 +286,18 @@ bool HttpFileRequest::deliver(void* data, int size, int ver) {
 void HttpFileRequest::spinWhileStopWait(bool logEachTurn) {
   // The queue sets the stop-wait mark while it prepares a stop; the chunk
   // path holds still until method.stop() clears it. A millisecond per turn
-  // keeps the spin from burning a core.
+  // keeps the spin from burning a core. The wait is bounded: the queue may
+  // set the mark and then decide not to restart (a start of its own is
+  // already on its way), and that start needs this very thread, so an
+  // unbounded spin would never end. A mark no stop followed within
+  // kStaleStopWaitMs is dropped and the transfer goes on.
+  auto began = std::chrono::steady_clock::now();
   while (method.getStopWait()) {
     if (logEachTurn) CV_LOG(0, "wait stop flag");
+    if (std::chrono::steady_clock::now() - began >= std::chrono::milliseconds(kStaleStopWaitMs)) {
+      method.clearStopWait();
+      break;
+    }
     util::delay(1);
   }
 }

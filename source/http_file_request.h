@@ -43,6 +43,8 @@ enum DownloadStatus_E {
 constexpr long long kUnknownContentSize = 0x0FFFFFFFFFFFFFFFLL;
 // Shorter bodies must come with a Content-Length header to be trusted.
 constexpr long long kSmallContentSize = 1048576;
+// How long a stop-wait mark may hold the transfer without a stop following.
+constexpr int kStaleStopWaitMs = 2000;
 // The feature flag value of the broadcaster whose failures are retried.
 constexpr int kFeatureFlagGJZ = 1;
 

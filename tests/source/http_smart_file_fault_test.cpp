@@ -1,0 +1,226 @@
+// HTTP faults through the C interface: failing locations as read codes,
+// download statuses and stream events; stalling and silent servers; a close
+// that breaks a read blocked on a stalled server.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "corvane/smart_file.h"
+#include "source/smart_file_reading.h"
+#include "support/log_capture.h"
+#include "support/scripted_http_server.h"
+#include "support/wait.h"
+
+using testsupport::firstPatternMismatch;
+using testsupport::Handle;
+using testsupport::LogCapture;
+using testsupport::rangeStarts;
+using testsupport::readBytes;
+using testsupport::Script;
+using testsupport::ScriptedHttpServer;
+using testsupport::waitFor;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+// A loopback port that refuses connections: bound but not listening, and
+// kept bound for the test's life so no other process can take it meanwhile.
+class RefusingPort {
+ public:
+  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    socklen_t len = sizeof(addr);
+    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
+    port_ = ntohs(addr.sin_port);
+  }
+  ~RefusingPort() { close(fd_); }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/f"; }
+
+ private:
+  int fd_;
+  int port_ = 0;
+};
+
+int countContaining(const LogCapture& log, const std::string& part) {
+  int n = 0;
+  for (const std::string& t : log.texts()) n += t.find(part) != std::string::npos ? 1 : 0;
+  return n;
+}
+
+enum class Place { Server, UnresolvableHost, ClosedPort };
+
+struct FailureCase {
+  const char* name;
+  Place place;
+  int status;       // the scripted answer's status
+  int featureFlag;  // -1: not set
+  int downloadStatus;
+  int event;        // the stream event the source sent
+  int firstRead;    // the failing read
+};
+
+void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
+
+class FailingLocation : public ::testing::TestWithParam<FailureCase> {};
+
+TEST_P(FailingLocation, ReadCodeDownloadStatusAndEvent) {
+  const FailureCase& c = GetParam();
+  Script s;
+  s.status = c.status;
+  s.body = "no such thing";
+  ScriptedHttpServer server(s);
+  RefusingPort refusing;
+  std::string url = c.place == Place::Server ? server.url()
+                    : c.place == Place::UnresolvableHost
+                        ? std::string("http://no-such-host.invalid/file")
+                        : refusing.url();
+  LogCapture log(0);
+  Handle h(url);
+  ASSERT_EQ(h.opened, SMFR_OK);
+  if (c.featureFlag != -1) {
+    EXPECT_EQ(x_smart_file_set_featureflag(h.id, c.featureFlag), SMFR_OK);
+  }
+  char buf[100];
+  unsigned long got = 7;
+  EXPECT_EQ(x_smart_file_read(h.id, buf, sizeof(buf), &got), c.firstRead);
+  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(x_smart_file_http_get_download_status(h.id), c.downloadStatus);
+  EXPECT_TRUE(log.contains("stream event " + std::to_string(c.event)));
+  // Once the stream is final, moving the queue to the handle's position
+  // fails before the read itself could answer -1.
+  EXPECT_EQ(x_smart_file_read(h.id, buf, sizeof(buf), &got), SMFR_FAILED);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Failures, FailingLocation,
+    ::testing::Values(
+        FailureCase{"NotFound", Place::Server, 404, -1, 404, 5, SMFR_NOT_FOUND},
+        FailureCase{"Unavailable", Place::Server, 503, -1, 503, 6, SMFR_NOT_AVAILABLE},
+        FailureCase{"UnresolvableHost", Place::UnresolvableHost, 0, -1, -6, 5, SMFR_NOT_FOUND},
+        // An error the queue retries once before it gives up.
+        FailureCase{"UnresolvableHostGJZ", Place::UnresolvableHost, 0, 1, -6, 1, SMFR_FAILED},
+        FailureCase{"ConnectionRefused", Place::ClosedPort, 0, -1, -8, 5, SMFR_NOT_FOUND}),
+    [](const ::testing::TestParamInfo<FailureCase>& p) { return p.param.name; });
+
+// With feature flag 1 every stall is cut after about four seconds and the
+// next connection goes on from the bytes held.
+TEST(HttpFaults, StallsAreCutAfterFourSecondsWithFeatureFlagOne) {
+  Script s;
+  s.size = 1 << 20;
+  s.stallAfter = 400 << 10;
+  s.stallMs = 60000;
+  ScriptedHttpServer server(s);
+  LogCapture log(-4);
+  Handle h(server.url());
+  ASSERT_EQ(h.opened, SMFR_OK);
+  EXPECT_EQ(x_smart_file_set_featureflag(h.id, 1), SMFR_OK);
+  auto began = Clock::now();
+  int code = 0;
+  std::string bytes = readBytes(h.id, s.size, 50000, &code);
+  double seconds = secondsSince(began);
+  ASSERT_EQ(static_cast<long long>(bytes.size()), s.size) << "last code " << code;
+  EXPECT_EQ(firstPatternMismatch(bytes.data(), 0, s.size), -1);
+  // Two stalls (the third connection has less than 400 KiB to send).
+  EXPECT_EQ(countContaining(log, "Too long time no data comes, the connection is die"), 2);
+  EXPECT_GT(seconds, 7.5);
+  EXPECT_LT(seconds, 20.0);
+  EXPECT_EQ(rangeStarts(server, "/file"), (std::vector<long long>{0, 400 << 10, 800 << 10}));
+}
+
+// A server that accepts and never answers: the read fails after the
+// first-byte limit (35 s), with one retry when feature flag 1 makes it a
+// time-out, and never hangs.
+TEST(HttpFaults, SilentServerFailsTheReadAfterTheFirstByteLimit) {
+  Script s;
+  s.headerDelayMs = 300000;
+  ScriptedHttpServer server(s);
+  struct Reader {
+    const char* path;
+    int flag;
+    std::unique_ptr<Handle> handle;
+    std::atomic<int> code{1};
+    std::atomic<double> seconds{0};
+    std::thread thread;
+  };
+  Reader readers[2];
+  readers[0].path = "/plain";
+  readers[0].flag = -1;
+  readers[1].path = "/gjz";
+  readers[1].flag = 1;
+  for (Reader& r : readers) {
+    r.handle.reset(new Handle(server.url(r.path)));
+    ASSERT_EQ(r.handle->opened, SMFR_OK);
+    if (r.flag != -1) {
+      EXPECT_EQ(x_smart_file_set_featureflag(r.handle->id, r.flag), SMFR_OK);
+    }
+  }
+  auto began = Clock::now();
+  for (Reader& r : readers) {
+    r.thread = std::thread([&r, began] {
+      char buf[1000];
+      unsigned long got = 0;
+      r.code = x_smart_file_read(r.handle->id, buf, sizeof(buf), &got);
+      r.seconds = secondsSince(began);
+    });
+  }
+  bool ended = waitFor([&] { return readers[0].code != 1 && readers[1].code != 1; }, 100000);
+  // A hung read is broken by the close, so the test ends either way.
+  for (Reader& r : readers) r.handle->close();
+  for (Reader& r : readers) r.thread.join();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(readers[0].code.load(), SMFR_NOT_FOUND);
+  EXPECT_GT(readers[0].seconds.load(), 33.0);
+  EXPECT_LT(readers[0].seconds.load(), 50.0);
+  EXPECT_EQ(rangeStarts(server, "/plain").size(), 1u);
+  EXPECT_EQ(readers[1].code.load(), SMFR_TIMEOUT);
+  EXPECT_GT(readers[1].seconds.load(), 68.0);
+  EXPECT_LT(readers[1].seconds.load(), 95.0);
+  EXPECT_EQ(rangeStarts(server, "/gjz").size(), 2u);
+}
+
+TEST(HttpFaults, CloseReturnsAReadBlockedOnAStalledServer) {
+  Script s;
+  s.size = 4 << 20;
+  s.stallAfter = 65536;
+  s.stallMs = 60000;
+  ScriptedHttpServer server(s);
+  Handle h(server.url());
+  ASSERT_EQ(h.opened, SMFR_OK);
+  const int id = h.id;
+  std::atomic<bool> returned{false};
+  std::atomic<long long> gotTotal{0};
+  std::thread reader([&] {
+    int code = 0;
+    gotTotal = static_cast<long long>(readBytes(id, 1 << 20, 200000, &code).size());
+    returned = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return server.bytesSent() >= 65536; }, 10000));
+  EXPECT_TRUE(testsupport::staysFalse([&] { return returned.load(); }, 300));
+  auto closing = Clock::now();
+  EXPECT_EQ(h.close(), SMFR_OK);
+  EXPECT_TRUE(waitFor([&] { return returned.load(); }, 3000));
+  reader.join();
+  EXPECT_LT(secondsSince(closing), 3.0);
+  EXPECT_LE(gotTotal.load(), 65536);
+}
+
+}  // namespace
