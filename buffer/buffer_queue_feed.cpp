@@ -237,10 +237,7 @@ void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);
   if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
   // An HTTP transfer runs inside the worker; its own stall detection rules.
-  // Silence while a restart is on its way is expected: it is not counted,
-  // or a slow stop of the old connection would start yet another one.
-  if (!readerWaiting_ || workerBusy_ || writerWaiting_ || connectionPending() ||
-      activity_ != lastActivity_) {
+  if (!readerWaiting_ || workerBusy_ || writerWaiting_ || activity_ != lastActivity_) {
     lastActivity_ = activity_;
     stallChecks_ = 0;
     return;
