@@ -24,26 +24,6 @@ using testsupport::waitFor;
 
 namespace {
 
-TEST(MethodRequestStop, BreakEndsTheTransferAfterTwoSecondsOfSilence) {
-  ScriptedHttpServer server(stallingAfter(65536, 20000));
-  LogCapture log(-4);
-  BackgroundGet get;
-  get.run(server.url(), 0);
-  ASSERT_TRUE(waitFor([&] { return get.requestor.received() >= 65536; }, 10000));
-  get.method.setBreak();
-  ASSERT_TRUE(waitFor([&] { return get.done.load(); }, 10000));
-  long long took = msSince(get.started);
-  EXPECT_EQ(get.result.load(), webs::kResultBroken);
-  EXPECT_GE(took, 1900);
-  EXPECT_LT(took, 6000);
-  EXPECT_GE(log.countPrefix("handle:"), 1);
-  bool sawCancel = false;
-  for (const auto& line : log.texts()) {
-    if (line.find("s no data comes, customer cancel read") != std::string::npos) sawCancel = true;
-  }
-  EXPECT_TRUE(sawCancel);
-}
-
 TEST(MethodRequestStop, BreakBeforeTheFirstByteAlsoEndsAfterTwoSeconds) {
   Script s;
   s.headerDelayMs = 20000;

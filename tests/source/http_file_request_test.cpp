@@ -265,6 +265,12 @@ INSTANTIATE_TEST_SUITE_P(
       return p.param.featureFlag == 1 ? std::string("GJZ") : std::string("Default");
     });
 
+int countContaining(const LogCapture& log, const std::string& part) {
+  int n = 0;
+  for (const std::string& t : log.texts()) n += t.find(part) != std::string::npos ? 1 : 0;
+  return n;
+}
+
 // How a transfer that is cut from another thread ends.
 struct InterruptCase {
   const char* name;
@@ -294,14 +300,8 @@ TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
   // The stall check logs this only once the transfer thread has left the
   // last chunk's receive(); a stop that came while it was still inside it
   // would rightly end with a refused chunk (23) instead.
-  EXPECT_TRUE(waitFor(
-      [&] {
-        for (const std::string& t : log.texts()) {
-          if (t.find("The http connection speed is low") != std::string::npos) return true;
-        }
-        return false;
-      },
-      10000));
+  EXPECT_TRUE(
+      waitFor([&] { return countContaining(log, "The http connection speed is low") > 0; }, 10000));
   EXPECT_EQ(source.sink.bytes().size(), 65536u);
   if (c.stop) {
     source.request.stopStreaming();
@@ -309,10 +309,16 @@ TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
     EXPECT_EQ(source.sink.events().size(), 2u);
     EXPECT_TRUE(log.contains("begin to stop streaming"));
     EXPECT_TRUE(log.contains("End to stop streaming"));
-  } else {
-    source.request.setBreak();
   }
+  auto cut = std::chrono::steady_clock::now();
+  if (!c.stop) source.request.setBreak();
   EXPECT_TRUE(waitFor([&] { return returned.load(); }, 6000));
+  if (!c.stop) {
+    // Two seconds of silence after the last byte; the wait above began
+    // about one second into it.
+    EXPECT_GE(std::chrono::steady_clock::now() - cut, std::chrono::milliseconds(700));
+    EXPECT_EQ(countContaining(log, "s no data comes, customer cancel read"), 1);
+  }
   worker.join();
   EXPECT_EQ(source.sink.events(), (std::vector<int>{util::EVENT_STREAM_NORMAL, c.event}));
   EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DISCONNECTED);
