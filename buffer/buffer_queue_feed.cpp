@@ -2,6 +2,12 @@
 // the continuation after a partial end), whether a reader needs one
 // (needToFeed), and the feeding monitor that restarts a silent source.
 //
+// A source that cannot seek is asked like any other: from the first byte
+// not held. It starts over at 0 on the wire and skips up to that offset
+// itself, so the held blocks stay valid and a restart never collides with
+// them (flushing them instead would throw away what the reader may still
+// read, and cost the whole way from 0 again in blocks).
+//
 // Design: a connection is always started by the worker at rangeBegin, and
 // the worker places the write point just before it starts: either at the
 // end of a partly filled block that will contain the offset ("continue that
@@ -114,7 +120,7 @@ bool BufferQueue::fragmentStreaming(long long offset, BlockIt it) {
   CV_LOG(2, "fragment from %lld, %d", offset,
          it == blocks_.end() ? -1 : static_cast<int>((*it)->index));
   BlockIt block;
-  long long start = seekable_ ? startOfMissing(offset, &block) : 0;
+  long long start = startOfMissing(offset, &block);
   long long size = contentSize_;
   if (size != 0 && start >= size) {
     // Everything from the offset to the end is held: nothing to fetch.
@@ -152,19 +158,6 @@ bool BufferQueue::endReached(long long offset) const {
 void BufferQueue::feedIfIdle() {
   if (!needToFeed()) return;
   if (streamLive_ && !connectionPending()) return;  // streamIn decides on its next chunk
-  if (!seekable_) {
-    if (connectionPending()) return;
-    // The source can only start over: from the beginning.
-    flushBuffer(blocks_.begin());
-    rdTail_ = blocks_.begin();
-    wtHead_ = blocks_.begin();
-    (*wtHead_)->setBeginningSeqNum(0, true);
-    rangeBegin_ = 0;
-    rangeCount_ = 0;
-    knownEnd_ = -1;
-    resetStreaming();
-    return;
-  }
   CV_LOG(2, "begin to fragment streaming");
   fragmentStreaming(readOffset_, rdTail_);
 }
@@ -182,6 +175,19 @@ void BufferQueue::handlePartialEnd() {
   long long end = producerPos_;
   long long size = contentSize_;
   bool delivered = end > connectionBegin_;
+  if (!seekable_ && !delivered && connectionBegin_ > 0) {
+    // Ended while the source skipped from 0 towards the start asked for: it
+    // says nothing about where the content ends. The next reader wish (or
+    // the monitor) starts over; a server that never gets that far is given
+    // up after as many empty tries as the monitor allows.
+    if (++silentRestarts_ > kMonitorMaxSilentRestarts) {
+      setStatus(STREAM_NOT_AVAILABLE);
+      CV_LOG(-4, "source silent after %d restarts, stream given up", kMonitorMaxSilentRestarts);
+      return;
+    }
+    CV_LOG(0, "wait for new feeding request");
+    return;
+  }
   if (connectionCount_ == 0 && (size == 0 || end > size || (!delivered && end < size && end > 0))) {
     // A connection asked for everything ended here: that is the content's
     // size (also when it ended at once, before the announced size).
@@ -190,7 +196,11 @@ void BufferQueue::handlePartialEnd() {
     CV_LOG(0, "setFileSize: %lld", end);
   }
   if (size != 0 && end < size) {
-    if (seekable_ && delivered) {
+    // Carried on at once while the connection made progress, whether or not
+    // the source can seek (one that cannot skips to the offset itself); a
+    // connection that ended before its first byte waits for a reader's wish
+    // or the monitor, so a server that always drops early is not hammered.
+    if (delivered) {
       CV_LOG(0, "begin to fragment streaming");
       fragmentStreaming(end, wtHead_);
     } else {
@@ -259,7 +269,7 @@ void BufferQueue::feedManually() {
   setStatus(STREAM_RESETTING);
   feedRequested_ = true;
   BlockIt block;
-  rangeBegin_ = seekable_ ? startOfMissing(readOffset_, &block) : 0;
+  rangeBegin_ = startOfMissing(readOffset_, &block);
   rangeCount_ = 0;
   resetStreaming();
   streamLock_.notifyAll();
