@@ -3,9 +3,6 @@
 // requested offset, and the end of each transfer as a stream event and a
 // download status.
 #include <android/log.h>
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,6 +22,7 @@
 #include "source/http_file_request.h"
 #include "source/recording_sink.h"
 #include "support/log_capture.h"
+#include "support/refusing_port.h"
 #include "support/scripted_http_server.h"
 #include "support/wait.h"
 
@@ -75,26 +73,7 @@ void expectPatternFrom(const RecordingSink& sink, long long from, long long size
   for (const RecordedChunk& chunk : sink.chunks()) EXPECT_EQ(chunk.version, version);
 }
 
-// A loopback port that refuses connections: bound but not listening, and
-// kept bound for the test's life so no other process can take it meanwhile.
-class RefusingPort {
- public:
-  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    socklen_t len = sizeof(addr);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
-  ~RefusingPort() { close(fd_); }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/f"; }
-
- private:
-  int fd_;
-  int port_ = 0;
-};
+using testsupport::RefusingPort;
 
 // What the first answer says about the resource.
 struct FirstAnswerCase {

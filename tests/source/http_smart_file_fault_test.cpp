@@ -1,9 +1,6 @@
 // HTTP faults through the C interface: failing locations as read codes,
 // download statuses and stream events; stalling and silent servers; a close
 // that breaks a read blocked on a stalled server.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,6 +16,7 @@
 #include "corvane/smart_file.h"
 #include "source/smart_file_reading.h"
 #include "support/log_capture.h"
+#include "support/refusing_port.h"
 #include "support/scripted_http_server.h"
 #include "support/wait.h"
 
@@ -39,26 +37,7 @@ double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// A loopback port that refuses connections: bound but not listening, and
-// kept bound for the test's life so no other process can take it meanwhile.
-class RefusingPort {
- public:
-  RefusingPort() : fd_(socket(AF_INET, SOCK_STREAM, 0)) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    socklen_t len = sizeof(addr);
-    getsockname(fd_, reinterpret_cast<sockaddr*>(&addr), &len);
-    port_ = ntohs(addr.sin_port);
-  }
-  ~RefusingPort() { close(fd_); }
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/f"; }
-
- private:
-  int fd_;
-  int port_ = 0;
-};
+using testsupport::RefusingPort;
 
 int countContaining(const LogCapture& log, const std::string& part) {
   int n = 0;
