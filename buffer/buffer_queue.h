@@ -193,6 +193,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool writerCanGoOn();
   bool endReached(long long offset) const;
 
+  void restartForReader();  // REQUIRES: streamLock_ held
   void stopMonitor();
   void waitForTasks();
 
@@ -262,6 +263,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   int breakWaiters_ = 0;           // breakRead calls waiting for a read to leave
   int stallChecks_ = 0;            // monitor only
   long long lastActivity_ = -1;    // monitor only
+  int blockedChecks_ = 0;          // monitor only: checks with reader and writer waiting
+  long long blockedReader_ = -1;   // monitor only: the reader's offset during them
 
   // Feeding monitor: its thread and the timed wait it sleeps in.
   ThreadObject monitor_;

@@ -14,6 +14,8 @@
 // block"), or in a block recycled and rebased to the block-aligned offset.
 // Deciding where to start is therefore separate from touching blocks, and a
 // decision taken while a restart is pending only moves rangeBegin.
+#include <climits>
+
 #include "buffer/buffer_queue.h"
 #include "diag/log.h"
 #include "thread/sync_guard.h"
@@ -81,7 +83,10 @@ long long BufferQueue::prepareWriteHead(long long from) {
     if ((*it)->isUnused()) victim = it;
   }
   if (victim == blocks_.end()) {
-    long long farthest = -1;
+    // Any block but the reader's qualifies, even one holding the reader's
+    // own offset (rdTail may not have caught up with it yet): with two
+    // blocks that is the only other one.
+    long long farthest = LLONG_MIN;
     for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
       if (it == rdTail_) continue;
       BufferBlock* b = *it;
@@ -246,6 +251,30 @@ void BufferQueue::stopMonitor() {
 void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);
   if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
+  // A writer waiting for a free block while the reader waits for a byte no
+  // block holds is no sign of life: only the reader's progress frees a
+  // block, and the reader waits for the writer. (With several handles on
+  // one file the reader may have moved back behind blocks it has not read,
+  // so the writer's own way out, which needs the reader's block unchanged
+  // since its wait began, does not fire.) Held for as many checks as a
+  // silent source, it ends that connection for one from the reader's first
+  // missing byte; blocks away from the reader are recycled for it.
+  long long reader = readOffset_;
+  if (readerWaiting_ && writerWaiting_ && !isHeld(reader) && !connectionPending()) {
+    if (reader != blockedReader_) {
+      blockedReader_ = reader;
+      blockedChecks_ = 0;
+    }
+    if (++blockedChecks_ >= kMonitorStallChecks) {
+      blockedChecks_ = 0;
+      blockedReader_ = -1;
+      CV_LOG(0, "writer waits for a block while reader waits at %lld, restart there", reader);
+      restartForReader();
+    }
+    return;
+  }
+  blockedChecks_ = 0;
+  blockedReader_ = -1;
   // An HTTP transfer runs inside the worker; its own stall detection rules.
   if (!readerWaiting_ || workerBusy_ || writerWaiting_ || activity_ != lastActivity_) {
     lastActivity_ = activity_;
@@ -266,6 +295,12 @@ void BufferQueue::feedManually() {
     streamLock_.notifyAll();
     return;
   }
+  restartForReader();
+}
+
+// Gives up the running connection (its chunks are refused from now on) for
+// one from the first byte the reader lacks. REQUIRES: streamLock_ held.
+void BufferQueue::restartForReader() {
   setStatus(STREAM_RESETTING);
   feedRequested_ = true;
   BlockIt block;

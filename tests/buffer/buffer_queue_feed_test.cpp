@@ -1,6 +1,7 @@
 // Continuation of a connection that ended before the content's end.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <thread>
 #include <vector>
 
@@ -60,6 +61,100 @@ TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
   unsigned long got = 0;
   EXPECT_EQ(0, queue.read(buffer, 1000, &got));
   EXPECT_EQ(1000u, got);
+  queue.release();
+}
+
+// A source that cannot seek, read at the front block up to a gap, while the
+// write point sits in the last block far ahead: the writer waits for a free
+// block (the reader's block is the front one) and the reader waits for the
+// gap, which only a connection from there can fill. The monitor must give
+// the blocked connection up for one from the reader's first missing byte.
+TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
+  testsupport::LogCapture log(0);
+  BufferQueue::overrun = false;
+  ScriptedProducer producer(1 << 20, false);
+  BufferQueue queue(4 * 32768);
+  queue.initialize(&producer);
+  producer.setOut(&queue);
+  std::vector<char> buffer(32768);
+  unsigned long got = 0;
+  auto expectPattern = [&](long long from, unsigned long n) {
+    for (unsigned long i = 0; i < n; ++i) {
+      ASSERT_EQ(testsupport::patternByte(from + static_cast<long long>(i)),
+                static_cast<unsigned char>(buffer[i]))
+          << "at " << from + static_cast<long long>(i);
+    }
+  };
+
+  // The front block holds [0, 32768).
+  int result = 1;
+  std::thread first([&] { result = queue.read(buffer.data(), 32768, &got); });
+  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
+  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(producer.deliver(0, 32768, 0));
+  first.join();
+  ASSERT_EQ(0, result);
+  ASSERT_EQ(32768u, got);
+  ASSERT_FALSE(queue.isRandomAccess());
+
+  // A reader far ahead: the monitor starts a connection there, which fills
+  // the three other blocks; the write point ends in the last one.
+  long long at = 0;
+  ASSERT_TRUE(queue.seek(600000, &at));
+  result = 1;
+  std::thread far([&] { result = queue.read(buffer.data(), 1, &got); });
+  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 2; }, 5000));
+  ASSERT_EQ(589824, producer.starts()[1].from);
+  int farVersion = producer.starts()[1].version;
+  ASSERT_TRUE(producer.deliver(589824, 3 * 32768, farVersion));
+  far.join();
+  ASSERT_EQ(0, result);
+  ASSERT_EQ(1u, got);
+  expectPattern(600000, 1);
+
+  // Back to the front block: its last bytes are there.
+  ASSERT_TRUE(queue.seek(32000, &at));
+  ASSERT_EQ(0, queue.read(buffer.data(), 100, &got));
+  ASSERT_EQ(100u, got);
+  expectPattern(32000, 100);
+
+  // The far connection goes on and finds no free block.
+  std::atomic<bool> writerDone{false};
+  bool writerGoesOn = true;
+  std::thread writer([&] {
+    writerGoesOn = producer.deliver(688128, 1000, farVersion);
+    writerDone = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return queue.isWriterWaiting(); }, 5000));
+
+  // Reading on runs into the gap at 32768.
+  std::atomic<bool> readDone{false};
+  result = 1;
+  std::thread gap([&] {
+    result = queue.read(buffer.data(), 1000, &got);
+    readDone = true;
+  });
+  bool restarted = waitFor([&] { return producer.startCount() == 3; }, 10000);
+  if (!restarted) queue.breakRead();  // the read would block for good
+  if (restarted) {
+    EXPECT_EQ(32768, producer.starts()[2].from);
+    EXPECT_GT(producer.starts()[2].version, farVersion);
+    EXPECT_TRUE(log.contains("writer waits for a block while reader waits at 32768, restart there"));
+    ASSERT_TRUE(waitFor([&] { return writerDone.load(); }, 5000));
+    EXPECT_FALSE(writerGoesOn);  // the blocked connection was given up
+    producer.deliver(32768, 32768, producer.starts()[2].version);
+  }
+  bool finished = waitFor([&] { return readDone.load(); }, 5000);
+  // Ends whatever still waits (the writer, and the reader if the break did
+  // not reach it) before the threads are joined.
+  if (!finished || !writerDone) queue.release();
+  gap.join();
+  writer.join();
+  ASSERT_TRUE(restarted) << "no new connection while reader and writer wait for each other";
+  ASSERT_TRUE(finished);
+  EXPECT_EQ(0, result);
+  ASSERT_EQ(1000u, got);
+  expectPattern(32100, 1000);
   queue.release();
 }
 
