@@ -17,9 +17,8 @@ using testsupport::LogCapture;
 using testsupport::TempDir;
 
 std::string slurp(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   return text.str();
 }
 
@@ -45,14 +44,13 @@ TEST(DumpFile, FirstDumpIsNamedAfterNumberAndRangeAndOverwritesWithoutTruncating
   dump.read_usb_path_from(dir.file("missing").c_str(), dir.write("path.txt", target).c_str());
   ASSERT_TRUE(dump.isEnabled());
   EXPECT_TRUE(log.contains("read lumora_usb_path.txt success"));
-  std::string data(100, 'x');
+  std::string data(100, 'x'), shorter(10, 'y');
   dump.read_to_file(4096, reinterpret_cast<unsigned char*>(&data[0]), 100);
   std::string name = target + "/QM_id1_4096_4196.dat";
   EXPECT_EQ(data, slurp(name));
   EXPECT_TRUE(log.contains("SmartFile readed=100, id:1"));
-  std::string shorter(10, 'y');
   dump.dump_read_to_file(&name[0], reinterpret_cast<unsigned char*>(&shorter[0]), 10);
-  EXPECT_EQ(std::string(10, 'y') + std::string(90, 'x'), slurp(name));
+  EXPECT_EQ(shorter + std::string(90, 'x'), slurp(name));
 }
 
 TEST(DumpFile, LineFeedStaysInTheDirectoryAndAnUnwritableTargetIsOnlyLogged) {

@@ -51,34 +51,26 @@ TEST(LogLevelFunctions, SetAndDisableChangeWhatPrints) {
   EXPECT_EQ(capture.texts(), (std::vector<std::string>{"t-5", "t-4", "t-2", "t-1"}));
 }
 
-struct LevelFileCase {
-  std::string content;
-  int expected;
-};
-
-class LevelFile : public ::testing::TestWithParam<LevelFileCase> {};
+// Content and the level it gives.
+class LevelFile : public ::testing::TestWithParam<std::pair<std::string, int>> {};
 
 // The level is reported at threshold -2, so only when the new level is at
 // least -2.
 TEST_P(LevelFile, OnlyTheFirstTwoCharactersAreParsedAndTheResultIsReported) {
   TempDir dir;
   LogCapture capture(-7);  // an unusual start value shows whether the file changed it
-  util::detectLoglevelFrom(dir.write("log_level", GetParam().content).c_str(),
-                           dir.file("fallback").c_str());
-  const int level = GetParam().expected;
-  EXPECT_EQ(util::LOG_LEV, level) << "content \"" << GetParam().content << "\"";
+  const auto& [content, level] = GetParam();
+  util::detectLoglevelFrom(dir.write("log_level", content).c_str(), dir.file("fallback").c_str());
+  EXPECT_EQ(util::LOG_LEV, level) << "content \"" << content << "\"";
   EXPECT_EQ(capture.texts(), level >= -2 ? std::vector<std::string>{"Log level==" +
                                                                    std::to_string(level) + "\n"}
                                          : std::vector<std::string>{});
 }
 
 INSTANTIATE_TEST_SUITE_P(Contents, LevelFile,
-                         ::testing::Values(LevelFileCase{"-4", -4}, LevelFileCase{"3", 3},
-                                           LevelFileCase{"-2", -2}, LevelFileCase{"-3", -3},
-                                           LevelFileCase{"12", 12}, LevelFileCase{"3\n", 3},
-                                           LevelFileCase{"-12", -1}, LevelFileCase{"100", 10},
-                                           LevelFileCase{"ab", 0}, LevelFileCase{" 7", 7},
-                                           LevelFileCase{"", -7}));
+                         ::testing::ValuesIn(std::vector<std::pair<std::string, int>>{
+                             {"-4", -4}, {"3", 3}, {"-2", -2}, {"-3", -3}, {"12", 12}, {"3\n", 3},
+                             {"-12", -1}, {"100", 10}, {"ab", 0}, {" 7", 7}, {"", -7}}));
 
 TEST(LevelFileFallback, IsOpenedButNeverReadAndMayBeMissing) {
   TempDir dir;
