@@ -64,6 +64,12 @@ int LogCapture::countPrefix(const std::string& prefix) const {
   return n;
 }
 
+int LogCapture::countContaining(const std::string& part) const {
+  int n = 0;
+  for (const LogLine& line : lines()) n += line.text.find(part) != std::string::npos ? 1 : 0;
+  return n;
+}
+
 int LogCapture::indexOf(const std::string& text, int from) const {
   std::vector<LogLine> all = lines();
   for (int i = from; i < static_cast<int>(all.size()); ++i) {

@@ -29,6 +29,7 @@ class LogCapture {
   int count(const std::string& text) const;        // exact matches
   bool contains(const std::string& text) const { return count(text) > 0; }
   int countPrefix(const std::string& prefix) const;
+  int countContaining(const std::string& part) const;  // lines with `part` anywhere
   // Index of the first exact match at or after `from`, or -1.
   int indexOf(const std::string& text, int from = 0) const;
   // Waits until `text` has been logged at least `times` times.
