@@ -9,7 +9,7 @@
 #include "corvane/smart_file.h"
 #include "file/dull_file_manager.h"
 #include "support/temp_dir.h"
-#include "tests/api/api_fixture.h"
+#include "support/pattern_reads.h"
 
 using testsupport::TempDir;
 

@@ -10,7 +10,8 @@
 #include "corvane/smart_file.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
-#include "tests/api/api_fixture.h"
+#include "support/pattern_reads.h"
+#include "tests/file/scripted_producer.h"
 
 using testsupport::LogCapture;
 using testsupport::ScriptedProducer;
@@ -59,7 +60,7 @@ TEST(NonSeekable, ReadsTheStreamInOrder) {
   int h = 0;
   ASSERT_EQ(x_smart_file_open("/scripted/500000/nonseekable", &h), SMFR_OK);
   int code = 0;
-  std::string got = testsupport::readAll(h, 600000, 40000, &code);
+  std::string got = testsupport::readBytes(h, 600000, 40000, &code);
   EXPECT_EQ(code, SMFR_EOF);
   EXPECT_TRUE(got == testsupport::patternBytes(0, 500000));
   EXPECT_EQ(x_smart_file_close(h), SMFR_OK);

@@ -1,10 +1,8 @@
-// A FileRequest of the tests' own: serves pattern content from memory on a
-// thread per start, and can pretend to be a stream that cannot be read at
-// random (every start delivers from offset 0, whatever was asked) or a
-// source that stays silent until the test lets it speak.
-//
-// Install with ScriptedProducer::Install, which answers every location that
-// begins with "/scripted/": "/scripted/<size>[/nonseekable][/silent]".
+// A FileRequest of the tests' own over the shared PatternProducer, answering
+// every location "/scripted/<size>[/nonseekable][/silent]" while installed
+// (ScriptedProducer::Install). A stream that cannot be read at random
+// delivers from offset 0 whatever was asked; a silent one starts delivering
+// only once the test calls speak().
 #ifndef CORVANE_TESTS_FILE_SCRIPTED_PRODUCER_H_
 #define CORVANE_TESTS_FILE_SCRIPTED_PRODUCER_H_
 
@@ -12,89 +10,70 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "source/file_request.h"
 #include "source/file_request_adaptor.h"
+#include "support/pattern_producer.h"
 
 namespace testsupport {
 
-inline char patternByte(long long offset) {
-  return static_cast<char>((offset * 13 + offset / 4093) & 0xff);
-}
-
 class ScriptedProducer : public FileRequest {
  public:
-  static constexpr unsigned long kChunk = 8192;
-
-  explicit ScriptedProducer(const std::string& location) : FileRequest(location) {
-    size_ = std::stoll(location.substr(10));
-    seekable_ = location.find("/nonseekable") == std::string::npos;
-    silent_ = location.find("/silent") != std::string::npos;
-  }
+  explicit ScriptedProducer(const std::string& location)
+      : FileRequest(location),
+        inner_(std::stoll(location.substr(10)), location.find("/nonseekable") == std::string::npos),
+        silent_(location.find("/silent") != std::string::npos) {}
   ~ScriptedProducer() override { release(); }
 
   static FileRequest* factory(const std::string& location) {
-    if (location.compare(0, 10, "/scripted/") != 0) return nullptr;
-    return new ScriptedProducer(location);
+    return location.compare(0, 10, "/scripted/") == 0 ? new ScriptedProducer(location) : nullptr;
   }
   struct Install {
     Install() {
-      {
-        std::lock_guard<std::mutex> lock(gateMutex_);
-        spoken_ = false;
-      }
+      setSpoken(false);
       FileRequestAdaptor::setFactoryForTesting(&ScriptedProducer::factory);
     }
     ~Install() { FileRequestAdaptor::setFactoryForTesting(nullptr); }
   };
-
   // Lets every silent producer deliver.
-  static void speak() {
-    std::lock_guard<std::mutex> lock(gateMutex_);
-    spoken_ = true;
-    gateCond_.notify_all();
-  }
+  static void speak() { setSpoken(true); }
 
-  void release() override {
-    stopStreaming();
-    std::vector<std::thread> threads;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      threads.swap(threads_);
-    }
-    for (std::thread& t : threads) {
-      if (t.get_id() == std::this_thread::get_id()) {
-        t.detach();
-      } else {
-        t.join();
-      }
-    }
+  void setOut(util::StreamSink* sink) override {
+    FileRequest::setOut(sink);
+    inner_.setOut(sink);
   }
+  void resetOut() override {
+    FileRequest::resetOut();
+    inner_.resetOut();
+  }
+  void release() override { stopStreaming(); }
+  // A silent start answers at once and waits for speak() on a thread of its
+  // own (bounded, so a test that never lets it speak still ends).
   int startStreaming(int version, long long from, long long count) override {
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (out == nullptr) return -1;
-    ++generation_;
+    if (!silent_) return inner_.startStreaming(version, from, count);
+    joinWaiter();
+    std::lock_guard<std::mutex> lock(gateMutex_);
     stop_ = false;
-    long long begin = seekable_ ? from : 0;
-    long long end = count > 0 ? begin + count : size_;
-    if (end > size_) end = size_;
-    util::StreamSink* sink = out;
-    int gen = generation_;
-    threads_.emplace_back([this, sink, version, begin, end, gen] { run(sink, version, begin, end, gen); });
+    waiter_ = std::thread([this, version, from, count] {
+      std::unique_lock<std::mutex> gate(gateMutex_);
+      gateCond_.wait_for(gate, std::chrono::seconds(20), [&] { return spoken_ || stop_; });
+      bool go = spoken_ && !stop_;
+      gate.unlock();
+      if (go) inner_.startStreaming(version, from, count);
+    });
     return 0;
   }
   int stopStreaming() override {
     {
-      std::lock_guard<std::mutex> lock(mutex_);
+      std::lock_guard<std::mutex> lock(gateMutex_);
       stop_ = true;
+      gateCond_.notify_all();
     }
-    std::lock_guard<std::mutex> gate(gateMutex_);
-    gateCond_.notify_all();
-    return 0;
+    joinWaiter();
+    return inner_.stopStreaming();
   }
-  bool isRandomAccess() override { return seekable_; }
-  long long getContentSize() override { return size_; }
+  bool isRandomAccess() override { return inner_.isRandomAccess(); }
+  long long getContentSize() override { return inner_.getContentSize(); }
   void setBreak() override {}
   bool getStopWait() override { return false; }
   void setStopWait() override {}
@@ -102,40 +81,28 @@ class ScriptedProducer : public FileRequest {
   bool initialize() override { return true; }
 
  private:
-  // The speak gate all silent producers wait on.
+  static void setSpoken(bool spoken) {
+    std::lock_guard<std::mutex> lock(gateMutex_);
+    spoken_ = spoken;
+    gateCond_.notify_all();
+  }
+  void joinWaiter() {
+    std::thread waiter;
+    {
+      std::lock_guard<std::mutex> lock(gateMutex_);
+      waiter.swap(waiter_);
+    }
+    if (waiter.joinable()) waiter.join();
+  }
+
+  // The speak gate all silent producers wait on; it also guards stop_ and waiter_.
   static inline std::mutex gateMutex_;
   static inline std::condition_variable gateCond_;
   static inline bool spoken_ = false;
-
-  bool stopped(int gen) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return stop_ || gen != generation_;
-  }
-  void run(util::StreamSink* sink, int version, long long begin, long long end, int gen) {
-    if (silent_) {
-      std::unique_lock<std::mutex> lock(gateMutex_);
-      // Bounded: a test that never lets it speak still ends.
-      gateCond_.wait_for(lock, std::chrono::seconds(20), [&] { return spoken_ || stopped(gen); });
-      if (!spoken_) return;
-    }
-    sink->notifyStreamException(util::EVENT_STREAM_NORMAL);
-    std::vector<char> chunk(kChunk);
-    for (long long pos = begin; pos < end; pos += kChunk) {
-      if (stopped(gen)) return;
-      unsigned long n = static_cast<unsigned long>(std::min<long long>(kChunk, end - pos));
-      for (unsigned long i = 0; i < n; ++i) chunk[i] = patternByte(pos + static_cast<long long>(i));
-      if (!sink->streamIn(chunk.data(), n, version)) return;
-    }
-    if (!stopped(gen)) sink->notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
-  }
-
-  long long size_ = 0;
-  bool seekable_ = true;
-  bool silent_ = false;
-  std::mutex mutex_;
+  PatternProducer inner_;
+  const bool silent_;
   bool stop_ = false;
-  int generation_ = 0;
-  std::vector<std::thread> threads_;
+  std::thread waiter_;
 };
 
 }  // namespace testsupport
