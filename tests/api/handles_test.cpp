@@ -1,3 +1,5 @@
+// The handle table of the C interface: numbering, limits, refused handles
+// and locations, and the answers of HTTP calls on a local file.
 #include <functional>
 #include <string>
 #include <vector>
@@ -6,8 +8,7 @@
 
 #include "corvane/smart_file.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "tests/api/api_fixture.h"
+#include "support/pattern_reads.h"
 
 using testsupport::LogCapture;
 using testsupport::TempDir;
@@ -36,23 +37,24 @@ TEST(Handles, NumberedFromOneUpTo255AndTheLowestFreeSlotIsReused) {
   EXPECT_EQ(x_smart_file_close(7), SMFR_OK);
   EXPECT_EQ(x_smart_file_close(7), SMFR_FAILED);
   EXPECT_EQ(x_smart_file_offset(7), SMFR_FAILED);
+  // Another location, so a file of its own: its buffer is the request
+  // rounded down to blocks.
   int again = 0;
-  ASSERT_EQ(x_smart_file_open_x(path.c_str(), &again, 65536), SMFR_OK);
+  ASSERT_EQ(x_smart_file_open_x(testsupport::writePatternFile(dir, "g", 200000).c_str(), &again,
+                                100000),
+            SMFR_OK);
   EXPECT_EQ(again, 7);
+  EXPECT_EQ(x_smart_file_bufferSize(again), 98304);
+  EXPECT_EQ(x_smart_file_volatile(again), SMFR_OK);
   for (int h : handles) EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
 }
-
-struct BadHandleCall {
-  const char* name;
-  std::function<long long(int)> call;
-};
 
 TEST(Handles, OutOfRangeHandlesAreRefusedWithInvalidHandle) {
   char buf[4];
   unsigned long got = 0;
   long long cur = 0;
   int req = 0;
-  std::vector<BadHandleCall> calls = {
+  const std::vector<std::pair<const char*, std::function<long long(int)>>> calls = {
       {"close", [](int h) { return x_smart_file_close(h); }},
       {"read", [&](int h) { return x_smart_file_read(h, buf, 4, &got); }},
       {"read_async", [&](int h) { return x_smart_file_read_async(h, buf, 4, nullptr, nullptr, &req); }},
@@ -69,10 +71,10 @@ TEST(Handles, OutOfRangeHandlesAreRefusedWithInvalidHandle) {
   };
   // Handle 200 is in range but was never opened: -4 without that line.
   for (int handle : {0, 256, -1, 200}) {
-    for (const BadHandleCall& c : calls) {
+    for (const auto& [name, call] : calls) {
       LogCapture log(0);
-      EXPECT_EQ(c.call(handle), SMFR_FAILED) << c.name << " " << handle;
-      EXPECT_EQ(log.count("INVALID_HANDLE\n"), handle == 200 ? 0 : 1) << c.name << " " << handle;
+      EXPECT_EQ(call(handle), SMFR_FAILED) << name << " " << handle;
+      EXPECT_EQ(log.count("INVALID_HANDLE\n"), handle == 200 ? 0 : 1) << name << " " << handle;
     }
   }
   LogCapture log(0);
@@ -82,30 +84,27 @@ TEST(Handles, OutOfRangeHandlesAreRefusedWithInvalidHandle) {
   EXPECT_TRUE(log.contains("x_smart_file_seek end(SMFR_FAILED)"));
 }
 
-struct UrlCase {
-  const char* url;
-  int result;
-};
-
-TEST(Handles, UrlChecks) {
+// An absolute path is accepted even when nothing is there: that handle's
+// calls fail.
+TEST(Handles, LocationChecksAndAMissingPathGivesAHandleWhoseCallsFail) {
   TempDir dir;
   std::string path = testsupport::writePatternFile(dir, "f", 10);
-  std::vector<UrlCase> cases = {
+  const std::vector<std::pair<const char*, int>> cases = {
       {"HTTP://127.0.0.1:1/a", SMFR_OK}, {"hTtPs://127.0.0.1:1/a", SMFR_OK},
       {path.c_str(), SMFR_OK},           {"file:///tmp/x", SMFR_FAILED},
       {"ftp://127.0.0.1/x", SMFR_FAILED}, {"relative/path", SMFR_FAILED},
       {"", SMFR_FAILED},                 {"http:/x", SMFR_FAILED},
   };
-  for (const UrlCase& c : cases) {
+  for (const auto& [url, result] : cases) {
     LogCapture log(-4);
     int h = 12345;
-    EXPECT_EQ(x_smart_file_open(c.url, &h), c.result) << c.url;
-    if (c.result == SMFR_OK) {
+    EXPECT_EQ(x_smart_file_open(url, &h), result) << url;
+    if (result == SMFR_OK) {
       EXPECT_GE(h, 1);
       EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
     } else {
       EXPECT_EQ(h, 12345) << "nothing written on a refused URL";
-      EXPECT_TRUE(log.contains("url is invalid")) << c.url;
+      EXPECT_TRUE(log.contains("url is invalid")) << url;
     }
   }
   LogCapture log(0);
@@ -113,20 +112,16 @@ TEST(Handles, UrlChecks) {
   EXPECT_EQ(x_smart_file_open(nullptr, &h), SMFR_FAILED);
   EXPECT_EQ(x_smart_file_open(path.c_str(), nullptr), SMFR_FAILED);
   EXPECT_EQ(log.count("NULL POINT\n"), 2);
-}
 
-TEST(Handles, MissingPathStillGivesAHandleWhoseCallsFail) {
-  TempDir dir;
-  int h = 0;
   ASSERT_EQ(x_smart_file_open(dir.file("absent").c_str(), &h), SMFR_OK);
   char buf[16];
   unsigned long got = 0;
   long long cur = 0;
   int req = 0;
-  for (int result : {x_smart_file_read(h, buf, 16, &got), x_smart_file_seek(h, 0, &cur),
-                     static_cast<int>(x_smart_file_size(h)), x_smart_file_bufferSize(h),
-                     x_smart_file_read_async(h, buf, 16, nullptr, nullptr, &req)}) {
-    EXPECT_EQ(result, SMFR_FAILED);
+  for (int r : {x_smart_file_read(h, buf, 16, &got), x_smart_file_seek(h, 0, &cur),
+                static_cast<int>(x_smart_file_size(h)), x_smart_file_bufferSize(h),
+                x_smart_file_read_async(h, buf, 16, nullptr, nullptr, &req)}) {
+    EXPECT_EQ(r, SMFR_FAILED);
   }
   EXPECT_EQ(x_smart_file_offset(h), 0);
   EXPECT_EQ(x_smart_file_close(h), SMFR_OK);

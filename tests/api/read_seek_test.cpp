@@ -1,3 +1,4 @@
+// Reading and seeking local files through the C interface: every byte checked.
 #include <string>
 #include <vector>
 
@@ -6,8 +7,7 @@
 #include "corvane/smart_file.h"
 #include "file/dull_file_manager.h"
 #include "support/log_capture.h"
-#include "support/temp_dir.h"
-#include "tests/api/api_fixture.h"
+#include "support/pattern_reads.h"
 
 using testsupport::LogCapture;
 using testsupport::TempDir;
@@ -15,25 +15,20 @@ using testsupport::patternBytes;
 
 namespace {
 
-struct ReadCase {
-  long long fileSize;
-  int chunk;
-};
-
 TEST(ReadSeek, SequentialReadsReturnEveryByteThenEof) {
-  const std::vector<ReadCase> cases = {{1, 1}, {1000, 7}, {32768, 32768}, {32769, 4096},
-                                       {300000, 65536}, {3000000, 100000}};
-  for (const ReadCase& c : cases) {
+  // File size and read size.
+  for (auto [size, chunk] : std::vector<std::pair<long long, int>>{
+           {1, 1}, {1000, 7}, {32768, 32768}, {32769, 4096}, {300000, 65536}, {3000000, 100000}}) {
     TempDir dir;
-    int h = testsupport::openPatternFile(dir, c.fileSize);
+    int h = testsupport::openPatternFile(dir, size);
     ASSERT_GE(h, 1);
-    EXPECT_EQ(x_smart_file_size(h), c.fileSize);
+    EXPECT_EQ(x_smart_file_size(h), size);
     int code = 0;
-    std::string got = testsupport::readAll(h, c.fileSize + 10, c.chunk, &code);
-    EXPECT_EQ(code, SMFR_EOF) << c.fileSize;
-    EXPECT_EQ(got.size(), static_cast<size_t>(c.fileSize));
-    EXPECT_TRUE(got == patternBytes(0, c.fileSize)) << c.fileSize;
-    EXPECT_EQ(x_smart_file_offset(h), c.fileSize);
+    std::string got = testsupport::readBytes(h, size + 10, chunk, &code);
+    EXPECT_EQ(code, SMFR_EOF) << size;
+    EXPECT_EQ(got.size(), static_cast<size_t>(size));
+    EXPECT_TRUE(got == patternBytes(0, size)) << size;
+    EXPECT_EQ(x_smart_file_offset(h), size);
     EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
   }
 }
@@ -102,21 +97,11 @@ TEST(ReadSeek, HandlesOnOneLocationShareAndReadIndependently) {
   EXPECT_EQ(x_smart_file_close(a), SMFR_OK);
   EXPECT_EQ(webs::DullFileManager::openCount(), before + 1);
   int code = 0;
-  std::string rest = testsupport::readAll(b, size, 12345, &code);
+  std::string rest = testsupport::readBytes(b, size, 12345, &code);
   EXPECT_EQ(code, SMFR_EOF);
   EXPECT_TRUE(rest == patternBytes(650000, size - 650000));
   EXPECT_EQ(x_smart_file_close(b), SMFR_OK);
   EXPECT_EQ(webs::DullFileManager::openCount(), before);
-}
-
-TEST(ReadSeek, BufferSizeIsTheRequestRoundedDownToBlocks) {
-  TempDir dir;
-  int h = 0;
-  ASSERT_EQ(x_smart_file_open_x(testsupport::writePatternFile(dir, "f", 200000).c_str(), &h, 100000),
-            SMFR_OK);
-  EXPECT_EQ(x_smart_file_bufferSize(h), 98304);
-  EXPECT_EQ(x_smart_file_volatile(h), SMFR_OK);
-  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
 }
 
 }  // namespace
