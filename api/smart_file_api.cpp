@@ -1,11 +1,12 @@
 // The exported x_smart_file_* functions for opening, reading, seeking and
 // closing. Each checks its handle under the API lock, releases it and calls
-// the SmartFile; nothing thrown inside crosses this boundary.
+// the SmartFile, inside the frames of api_call.h: nothing thrown inside
+// crosses this boundary.
 #include <strings.h>
 
-#include <exception>
 #include <string>
 
+#include "api/api_call.h"
 #include "api/handle_table.h"
 #include "corvane/smart_file.h"
 #include "diag/log.h"
@@ -63,28 +64,24 @@ int openWith(const char* url, int* handle, int bufferSize, const char* endFormat
 extern "C" {
 
 int x_smart_file_open(const char* url, int* handle) {
-  try {
-    CV_LOG(0, "Begin x_smart_file_open(url: %s)", url ? url : "(null)");
+  CV_LOG(0, "Begin x_smart_file_open(url: %s)", url ? url : "(null)");
+  return api::noThrow(SMFR_FAILED, [&]() -> int {
     return openWith(url, handle, kDefaultBufferSize, "End x_smart_file_open(handle: %d)");
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_open_x(const char* url, int* handle, int buffersize) {
-  try {
-    CV_LOG(0, "Begin x_smart_file_open_x(url: %s, buffersize: %d)", url ? url : "(null)",
-           buffersize);
+  CV_LOG(0, "Begin x_smart_file_open_x(url: %s, buffersize: %d)", url ? url : "(null)",
+         buffersize);
+  return api::noThrow(SMFR_FAILED, [&]() -> int {
     return openWith(url, handle, buffersize, "End x_smart_file_open_x(handle: %d)");
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_close(int handle) {
-  try {
-    CV_LOG(0, "Begin x_smart_file_close (handle: %d)", handle);
-    if (!api::handleInRange(handle)) return SMFR_FAILED;
+  CV_LOG(0, "Begin x_smart_file_close (handle: %d)", handle);
+  if (!api::handleInRange(handle)) return SMFR_FAILED;
+  return api::noThrow(SMFR_FAILED, [&]() -> int {
     webs::SmartFile* file;
     {
       api::HandleTable& table = api::handleTable();
@@ -102,16 +99,12 @@ int x_smart_file_close(int handle) {
     delete file;
     CV_LOG(0, "End x_smart_file_close");
     return SMFR_OK;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_read(int handle, char* buf, int size, unsigned long* readSize) {
-  try {
-    CV_LOG(1, "befor x_smart_file_read(handle: %d, size: %d)", handle, size);
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
+  CV_LOG(1, "befor x_smart_file_read(handle: %d, size: %d)", handle, size);
+  return api::withFile(handle, SMFR_FAILED, [&](webs::SmartFile* file) -> int {
     if (buf == nullptr || readSize == nullptr) {
       CV_LOG(0, "NULL POINT\n");
       return SMFR_FAILED;
@@ -120,17 +113,13 @@ int x_smart_file_read(int handle, char* buf, int size, unsigned long* readSize) 
     int r = file->read(buf, static_cast<unsigned long>(static_cast<long>(size)), readSize);
     CV_LOG(1, "end x_smart_file_read : %d", r);
     return r;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_read_async(int handle, char* buf, int size, x_smart_file_callback callback,
                             void* userdata, int* reqID) {
-  try {
-    CV_LOG(1, "before x_smart_file_read_async(handle: %d, size: %d)", handle, size);
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
+  CV_LOG(1, "before x_smart_file_read_async(handle: %d, size: %d)", handle, size);
+  return api::withFile(handle, SMFR_FAILED, [&](webs::SmartFile* file) -> int {
     if (buf == nullptr || reqID == nullptr) {
       CV_LOG(0, "NULL POINT\n");
       return SMFR_FAILED;
@@ -139,28 +128,23 @@ int x_smart_file_read_async(int handle, char* buf, int size, x_smart_file_callba
                             userdata, reqID);
     CV_LOG(1, "end x_smart_file_read_async(reqID: %d)", r == SMFR_OK ? *reqID : -1);
     return r;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_read_abort(int handle, int reqID) {
-  try {
-    if (!api::handleInRange(handle)) return SMFR_FAILED;
-    CV_LOG(1, "before x_smart_file_read_abort(handle: %d, reqID: %d)", handle, reqID);
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
+  if (!api::handleInRange(handle)) return SMFR_FAILED;
+  CV_LOG(1, "before x_smart_file_read_abort(handle: %d, reqID: %d)", handle, reqID);
+  return api::withFile(handle, SMFR_FAILED, [&](webs::SmartFile* file) -> int {
     int r = file->cancelRead(reqID);
     CV_LOG(1, "end x_smart_file_read_abort");
     return r;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_seek(int handle, long long offset, long long* curOffset) {
-  try {
-    CV_LOG(0, "x_smart_file_seek begin(handle: %d, offset: %lld)", handle, offset);
+  CV_LOG(0, "x_smart_file_seek begin(handle: %d, offset: %lld)", handle, offset);
+  return api::noThrow(SMFR_FAILED, [&]() -> int {
+    // Not withFile: a handle that is not open logs the failed end as well.
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr || curOffset == nullptr) {
       CV_LOG(0, "x_smart_file_seek end(SMFR_FAILED)");
@@ -169,72 +153,46 @@ int x_smart_file_seek(int handle, long long offset, long long* curOffset) {
     int r = file->seek(offset, curOffset);
     CV_LOG(0, "x_smart_file_seek end(curOffset: %lld)", *curOffset);
     return r;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 long long x_smart_file_offset(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    return file->getPosition();
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return api::withFile(handle, SMFR_FAILED,
+                       [](webs::SmartFile* file) -> long long { return file->getPosition(); });
 }
 
 long long x_smart_file_size(int handle) {
-  try {
-    if (!api::handleInRange(handle)) return SMFR_FAILED;
-    CV_LOG(0, "x_smart_file_size begin(handle: %d)", handle);
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
+  if (!api::handleInRange(handle)) return SMFR_FAILED;
+  CV_LOG(0, "x_smart_file_size begin(handle: %d)", handle);
+  return api::withFile(handle, SMFR_FAILED, [](webs::SmartFile* file) -> long long {
     long long size = file->getSize();
     CV_LOG(0, "x_smart_file_size end(size: %lld)", size);
     return size;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_volatile(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
+  return api::withFile(handle, SMFR_FAILED, [](webs::SmartFile* file) -> int {
     file->volatileContent();
     return SMFR_OK;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 int x_smart_file_bufferSize(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    return file->getBufferSize();
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return api::withFile(handle, SMFR_FAILED,
+                       [](webs::SmartFile* file) -> int { return file->getBufferSize(); });
 }
 
 int x_smart_file_bufferedSize(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    return file->getBufferedSize();
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return api::withFile(handle, SMFR_FAILED,
+                       [](webs::SmartFile* file) -> int { return file->getBufferedSize(); });
 }
 
 int x_smart_file_dump_buffer(void) {
-  try {
+  return api::noThrow(SMFR_OK, []() -> int {
     webs::DullFileManager::dumpDebugInfo();
-  } catch (...) {
-  }
-  return SMFR_OK;
+    return SMFR_OK;
+  });
 }
 
 }  // extern "C"

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <type_traits>
 
+#include "api/api_call.h"
 #include "api/handle_table.h"
 #include "api/http_source.h"
 #include "corvane/smart_file.h"
@@ -22,30 +24,50 @@ namespace {
 constexpr char kNotHttp[] = "not http file";
 constexpr char kNotHttpOrNoSet[] = "not http file or no set";
 
+// What an HTTP call answers when the handle's source is not HTTP, or when
+// an argument it needs is missing (`argsGiven` false): `log` at level 0,
+// then `result`.
+template <typename Result>
+struct NotHttpAnswer {
+  const char* log;
+  Result result;
+  bool argsGiven = true;
+};
+
+template <typename Call>
+using HttpResult = std::invoke_result_t<Call&, webs::HttpFileRequest*>;
+
+// `call(http)` with the HTTP source of `handle`; `noFile` when the handle
+// is not open or anything is thrown, `notHttp` otherwise.
+template <typename Call>
+HttpResult<Call> withHttp(int handle, HttpResult<Call> noFile,
+                          NotHttpAnswer<HttpResult<Call>> notHttp, Call&& call) noexcept {
+  return api::withFile(handle, noFile, [&](webs::SmartFile* file) -> HttpResult<Call> {
+    FileRequest* request = api::httpRequestOf(file);
+    if (request == nullptr || !notHttp.argsGiven) {
+      CV_LOG(0, notHttp.log);
+      return notHttp.result;
+    }
+    return call(api::asHttp(request));
+  });
+}
+
 enum class NullText { kNotHttp, kFailedFirst };
+
+using TextSetter = void (webs::HttpFileRequest::*)(std::string const&);
 
 // The text setters: `nullRule` says whether a null text is refused before
 // the handle check (-4, "NULL POINT\n") or answered as not HTTP (-1).
-template <typename Setter>
-int setText(int handle, const char* text, NullText nullRule, Setter setter) {
-  // No exception may cross the C interface: any failure is a plain failure.
-  try {
-    if (text == nullptr && nullRule == NullText::kFailedFirst) {
-      CV_LOG(0, "NULL POINT\n");
-      return SMFR_FAILED;
-    }
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request == nullptr || text == nullptr) {
-      CV_LOG(0, kNotHttpOrNoSet);
-      return SMFR_NOT_HTTP;
-    }
-    setter(request, std::string(text));
-    return SMFR_OK;
-  } catch (...) {
+int setText(int handle, const char* text, NullText nullRule, TextSetter setter) {
+  if (text == nullptr && nullRule == NullText::kFailedFirst) {
+    CV_LOG(0, "NULL POINT\n");
     return SMFR_FAILED;
   }
+  return withHttp(handle, SMFR_FAILED, {kNotHttpOrNoSet, SMFR_NOT_HTTP, text != nullptr},
+                  [&](webs::HttpFileRequest* http) -> int {
+                    (http->*setter)(std::string(text));
+                    return SMFR_OK;
+                  });
 }
 
 char* keepText(const std::string& text) {
@@ -58,13 +80,12 @@ char* keepText(const std::string& text) {
 
 }  // namespace
 
-#define CV_HTTP_SET(method) [](FileRequest* r, const std::string& t) { api::asHttp(r)->method(t); }
-
 extern "C" {
 
 int x_smart_file_set_featureflag(int handle, int flags) {
-  try {
-    if (!api::handleInRange(handle)) return SMFR_FAILED;
+  if (!api::handleInRange(handle)) return SMFR_FAILED;
+  return api::noThrow(SMFR_FAILED, [&]() -> int {
+    // Not withHttp: this call logs its misses at -4 and a missing file too.
     webs::SmartFile* file = api::lookup(handle);
     if (file == nullptr) {
       CV_LOG(-4, "could not find handle:%d", handle);
@@ -77,160 +98,96 @@ int x_smart_file_set_featureflag(int handle, int flags) {
     }
     api::asHttp(request)->setFeatureFlag(flags);
     return SMFR_OK;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  });
 }
 
 long long x_smart_file_http_get_speed(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) return api::asHttp(request)->getSpeed();
-    (void)request;
-    CV_LOG(0, kNotHttp);
-    return 0;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return withHttp(handle, SMFR_FAILED, {kNotHttp, 0},
+                  [](webs::HttpFileRequest* http) -> long long { return http->getSpeed(); });
 }
 
 int x_smart_file_http_set_speed(int handle, long long speed) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) {
-      api::asHttp(request)->setSpeed(speed);
-      return SMFR_OK;
-    }
-    (void)request;
-    CV_LOG(0, kNotHttp);
-    return SMFR_OK;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return withHttp(handle, SMFR_FAILED, {kNotHttp, SMFR_OK},
+                  [&](webs::HttpFileRequest* http) -> int {
+                    http->setSpeed(speed);
+                    return SMFR_OK;
+                  });
 }
 
 char* x_smart_file_http_get_content_type(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return nullptr;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) {
-      std::string text = api::asHttp(request)->getContentType();
-      CV_LOG(0, "Content type:%s", text.c_str());
-      return keepText(text);
-    }
-    (void)request;
-    CV_LOG(0, kNotHttp);
-    return nullptr;
-  } catch (...) {
-    return nullptr;
-  }
+  return withHttp(handle, nullptr, {kNotHttp, nullptr}, [](webs::HttpFileRequest* http) -> char* {
+    std::string text = http->getContentType();
+    CV_LOG(0, "Content type:%s", text.c_str());
+    return keepText(text);
+  });
 }
 
 char* x_smart_file_http_get_server_name(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return nullptr;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) {
-      std::string text = api::asHttp(request)->getServerName();
-      // Logged under the content-type line: log readers know it so.
-      CV_LOG(0, "Content type:%s", text.c_str());
-      return keepText(text);
-    }
-    (void)request;
-    CV_LOG(0, kNotHttp);
-    return nullptr;
-  } catch (...) {
-    return nullptr;
-  }
+  return withHttp(handle, nullptr, {kNotHttp, nullptr}, [](webs::HttpFileRequest* http) -> char* {
+    std::string text = http->getServerName();
+    // Logged under the content-type line: log readers know it so.
+    CV_LOG(0, "Content type:%s", text.c_str());
+    return keepText(text);
+  });
 }
 
 int x_smart_file_http_get_download_status(int handle) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) {
-      int status = api::asHttp(request)->getDownloadStatus();
-      CV_LOG(0, "download status : %d", status);
-      return status;
-    }
-    (void)request;
-    CV_LOG(0, kNotHttpOrNoSet);
-    // No download status applies to other sources: the failure code.
-    return SMFR_FAILED;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  // No download status applies to other sources: the failure code.
+  return withHttp(handle, SMFR_FAILED, {kNotHttpOrNoSet, SMFR_FAILED},
+                  [](webs::HttpFileRequest* http) -> int {
+                    int status = http->getDownloadStatus();
+                    CV_LOG(0, "download status : %d", status);
+                    return status;
+                  });
 }
 
 int x_smart_file_http_get_url_ip(int handle, char* ip) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr && ip != nullptr) return api::asHttp(request)->getUrlIP(ip);
-    (void)request;
-    CV_LOG(0, kNotHttpOrNoSet);
-    return SMFR_NOT_HTTP;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return withHttp(handle, SMFR_FAILED, {kNotHttpOrNoSet, SMFR_NOT_HTTP, ip != nullptr},
+                  [&](webs::HttpFileRequest* http) -> int { return http->getUrlIP(ip); });
 }
 
 int x_smart_file_http_get_header(int handle, char* buf, int size, int* length) {
-  try {
-    webs::SmartFile* file = api::lookup(handle);
-    if (file == nullptr) return SMFR_FAILED;
-    FileRequest* request = api::httpRequestOf(file);
-    if (request != nullptr) return api::asHttp(request)->getResponseHeader(buf, size, length);
-    (void)request;
-    CV_LOG(0, kNotHttpOrNoSet);
-    return SMFR_OK;
-  } catch (...) {
-    return SMFR_FAILED;
-  }
+  return withHttp(handle, SMFR_FAILED, {kNotHttpOrNoSet, SMFR_OK},
+                  [&](webs::HttpFileRequest* http) -> int {
+                    return http->getResponseHeader(buf, size, length);
+                  });
 }
 
 int x_smart_file_http_set_userAgent(int handle, const char* text) {
-  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setUserAgent));
+  return setText(handle, text, NullText::kNotHttp, &webs::HttpFileRequest::setUserAgent);
 }
 
 int x_smart_file_http_set_proxy(int handle, const char* text) {
-  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setProxy));
+  return setText(handle, text, NullText::kNotHttp, &webs::HttpFileRequest::setProxy);
 }
 
 int x_smart_file_http_set_CAPath(int handle, const char* text) {
-  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCAPath));
+  return setText(handle, text, NullText::kNotHttp, &webs::HttpFileRequest::setCAPath);
 }
 
 int x_smart_file_http_set_CA(int handle, const char* text) {
-  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCA));
+  return setText(handle, text, NullText::kNotHttp, &webs::HttpFileRequest::setCA);
 }
 
 int x_smart_file_http_set_client_authert(int handle, const char* text) {
-  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setClientAuthertication));
+  return setText(handle, text, NullText::kFailedFirst,
+                 &webs::HttpFileRequest::setClientAuthertication);
 }
 
 int x_smart_file_http_set_private_key(int handle, const char* text) {
-  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setPrivateKey));
+  return setText(handle, text, NullText::kFailedFirst, &webs::HttpFileRequest::setPrivateKey);
 }
 
 int x_smart_file_http_set_key_type(int handle, const char* text) {
-  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setKeyType));
+  return setText(handle, text, NullText::kFailedFirst, &webs::HttpFileRequest::setKeyType);
 }
 
 int x_smart_file_http_set_ip_resolve(int handle, const char* text) {
-  return setText(handle, text, NullText::kFailedFirst, CV_HTTP_SET(setIpResolve));
+  return setText(handle, text, NullText::kFailedFirst, &webs::HttpFileRequest::setIpResolve);
 }
 
 int x_smart_file_http_set_cookie(int handle, const char* text) {
-  return setText(handle, text, NullText::kNotHttp, CV_HTTP_SET(setCookie));
+  return setText(handle, text, NullText::kNotHttp, &webs::HttpFileRequest::setCookie);
 }
 
 }  // extern "C"
