@@ -3,15 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include "http/collecting_requestor.h"
-#include "http/method_request.h"
+#include "http/transfer_harness.h"
 #include "support/nginx_fixture.h"
-#include "support/scripted_http_server.h"
 
-using testsupport::CollectingRequestor;
-using testsupport::firstPatternMismatch;
-using testsupport::NginxFixture;
-
+namespace testsupport {
 namespace {
 
 constexpr long long kFileSize = 3 * 1024 * 1024 + 517;
@@ -34,35 +29,26 @@ TEST_F(NginxTransfer, RangedGetsAreByteExactOverHttpAndHttps) {
   for (bool tls : {false, true}) {
     std::string url = tls ? nginx.httpsUrl("pattern.bin") : nginx.httpUrl("pattern.bin");
     for (const Case& c : cases) {
-      CollectingRequestor requestor;
-      webs::MethodRequest m;
-      m.initialize(&requestor, "");
-      ASSERT_EQ(m.executeGet(url, c.from, c.to, 1), 0) << url << " from " << c.from;
+      Transfer t;
+      ASSERT_EQ(t.get(url, c.from, c.to), 0) << url << " from " << c.from;
       long long expected = (c.to == 0 ? kFileSize - 1 : c.to) - c.from + 1;
-      std::string body = requestor.bytes();
-      ASSERT_EQ(static_cast<long long>(body.size()), expected) << url << " from " << c.from;
-      EXPECT_EQ(firstPatternMismatch(body.data(), c.from, expected), -1) << url;
-      EXPECT_TRUE(m.seekAbleCheckFromResponse());
-      EXPECT_EQ(m.getSizeFromResponseRange(), kFileSize);
-      EXPECT_TRUE(m.checkFromContentLength());
-      if (c.to == 0) {
-        EXPECT_EQ(m.getFileSize(), kFileSize);
-      }
+      ASSERT_TRUE(isPatternAt(t.requestor.bytes(), c.from, expected)) << url << " from " << c.from;
+      EXPECT_TRUE(t.method.seekAbleCheckFromResponse());
+      EXPECT_EQ(t.method.getSizeFromResponseRange(), kFileSize);
+      EXPECT_TRUE(t.method.checkFromContentLength());
+      if (c.to == 0) { EXPECT_EQ(t.method.getFileSize(), kFileSize); }
     }
   }
 }
 
 TEST_F(NginxTransfer, ServerNameAndMissingFile) {
-  CollectingRequestor requestor;
-  webs::MethodRequest m;
-  m.initialize(&requestor, "");
-  ASSERT_EQ(m.executeGet(nginx.httpUrl("pattern.bin"), 0, 99, 1), 0);
-  EXPECT_EQ(m.getServerName().compare(0, 6, "nginx/"), 0) << m.getServerName();
-  EXPECT_EQ(m.getContentType(), "application/octet-stream");
-
-  webs::MethodRequest missing;
-  missing.initialize(&requestor, "");
-  EXPECT_EQ(missing.executeGet(nginx.httpsUrl("absent.bin"), 0, 0, 1), 404);
+  Transfer t;
+  ASSERT_EQ(t.get(nginx.httpUrl("pattern.bin"), 0, 99), 0);
+  EXPECT_EQ(t.method.getServerName().compare(0, 6, "nginx/"), 0) << t.method.getServerName();
+  EXPECT_EQ(t.method.getContentType(), "application/octet-stream");
+  Transfer missing;
+  EXPECT_EQ(missing.get(nginx.httpsUrl("absent.bin")), 404);
 }
 
 }  // namespace
+}  // namespace testsupport

@@ -1,55 +1,44 @@
 // Speed smoothing, throttling and the speed report.
-#include <chrono>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
-#include "http/collecting_requestor.h"
 #include "http/limit_speed.h"
-#include "http/method_request.h"
 #include "http/moving_average.h"
+#include "http/transfer_harness.h"
 #include "support/log_capture.h"
-#include "support/scripted_http_server.h"
 
-using testsupport::CollectingRequestor;
-using testsupport::LogCapture;
-using testsupport::Script;
-using testsupport::ScriptedHttpServer;
-
+namespace testsupport {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-long long msSince(Clock::time_point start) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
-}
-
-TEST(MovingAverage, FirstSampleIsReturnedAsIs) {
-  for (long long sample : {0LL, 1LL, 5000LL, 123456789LL}) {
-    webs::MovingAverage average(10);
-    EXPECT_EQ(average.push(sample), sample);
+TEST(MovingAverage, EachPushAnswersTheSmoothedRate) {
+  struct Case {
+    int capacity;
+    std::vector<long long> pushes;
+    std::vector<long long> answers;
+  };
+  const Case cases[] = {
+      // A first sample is answered as it is.
+      {10, {0}, {0}},
+      {10, {1}, {1}},
+      {10, {5000}, {5000}},
+      {10, {123456789}, {123456789}},
+      // [100, 200]: path |100-0| + |200-100| = 200, spread 100, alpha 0.165;
+      // 0.165 * 100 + 0.835 * 200 = 183.5, truncated.
+      {10, {100, 200}, {100, 183}},
+      // A steady run: spread 0 gives alpha 0, the sample itself.
+      {10, {4000, 4000, 4000, 4000, 4000}, {4000, 4000, 4000, 4000, 4000}},
+      // Capacity 2: pushing 300 drops 100, so the path is |200-100| +
+      // |300-200| = 200 and the spread 100: 0.165 * 183 + 0.835 * 300 = 280.695.
+      {2, {100, 200, 300}, {100, 183, 280}},
+  };
+  for (const Case& c : cases) {
+    webs::MovingAverage average(c.capacity);
+    std::vector<long long> answers;
+    for (long long sample : c.pushes) answers.push_back(average.push(sample));
+    EXPECT_EQ(answers, c.answers) << c.pushes.back();
   }
-}
-
-TEST(MovingAverage, SwingingSeriesIsDampedWithTheSpreadOverPathWeight) {
-  // [100, 200]: path |100-0| + |200-100| = 200, spread 100, alpha 0.165;
-  // 0.165 * 100 + 0.835 * 200 = 183.5, truncated.
-  webs::MovingAverage average(10);
-  average.push(100);
-  EXPECT_EQ(average.push(200), 183);
-  // A steady run: spread 0 gives alpha 0, the sample itself.
-  webs::MovingAverage steady(10);
-  for (int i = 0; i < 5; ++i) EXPECT_EQ(steady.push(4000), 4000);
-}
-
-TEST(MovingAverage, FullWindowDropsTheOldestIntoThePath) {
-  // Capacity 2: after 100, 200 (avg 183) pushing 300 drops 100, so the path
-  // is |200-100| + |300-200| = 200 and the spread 100: alpha 0.165;
-  // 0.165 * 183 + 0.835 * 300 = 280.695.
-  webs::MovingAverage average(2);
-  average.push(100);
-  average.push(200);
-  EXPECT_EQ(average.push(300), 280);
 }
 
 TEST(LimitSpeed, NoLimitNeverSleeps) {
@@ -85,24 +74,15 @@ TEST(LimitSpeed, LogsWantAndActual) {
 }
 
 TEST(SpeedReport, ShortTransferReportsTheMeanRate) {
-  Script s;
-  s.size = 200000;
-  ScriptedHttpServer server(s);
-  CollectingRequestor requestor;
-  webs::MethodRequest m;
-  m.initialize(&requestor, "");
-  ASSERT_EQ(m.executeGet(server.url(), 0, 0, 1), 0);
+  ScriptedHttpServer server(sized(200000));
+  Transfer t;
+  ASSERT_EQ(t.get(server.url()), 0);
   LogCapture log(0);
-  long long speed = m.getSpeed();
+  long long speed = t.method.getSpeed();
   EXPECT_GT(speed, 0);
   EXPECT_EQ(log.countPrefix("handle:"), 1);
-  bool meanLine = false;
-  for (const auto& t : log.texts()) {
-    meanLine = meanLine || t.find("show cal_avg_speed :" + std::to_string(speed)) != std::string::npos;
-  }
-  EXPECT_TRUE(meanLine);
+  EXPECT_EQ(log.countContaining("show cal_avg_speed :" + std::to_string(speed)), 1);
 }
 
-TEST(SpeedReport, ExportedFreeGetSpeedIsZero) { EXPECT_EQ(::getSpeed(), 0); }
-
 }  // namespace
+}  // namespace testsupport
