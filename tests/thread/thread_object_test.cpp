@@ -1,3 +1,5 @@
+// ThreadObject: one run per start, restarts while running, pauses, forced
+// stops and destruction, seen through the routine and the log.
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -30,11 +32,22 @@ void* routine(void* arg) {
   return nullptr;
 }
 
-TEST(ThreadObject, RunsOncePerStartAndSleepsBetweenRuns) {
-  LogCapture log(0);
+class ThreadObjectTest : public ::testing::Test {
+ protected:
+  ThreadObjectTest() { probe.self = &worker; }
+  // Starts the worker with its routine held at the gate and waits for the run.
+  void startBlocked() {
+    probe.gate = &gate;
+    ASSERT_TRUE(worker.start(&probe));
+    ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
+  }
+  LogCapture log{0};
+  Gate gate;
   Probe probe;
-  util::ThreadObject worker(&routine);
-  probe.self = &worker;
+  util::ThreadObject worker{&routine};
+};
+
+TEST_F(ThreadObjectTest, RunsOncePerStartAndSleepsBetweenRuns) {
   ASSERT_TRUE(worker.start(&probe));
   EXPECT_TRUE(log.contains("create thread 0"));
   ASSERT_TRUE(log.waitFor("thread begin to sleep"));
@@ -51,20 +64,8 @@ TEST(ThreadObject, RunsOncePerStartAndSleepsBetweenRuns) {
   EXPECT_TRUE(log.contains("thread continues next loop"));
 }
 
-// Starts `worker` on `probe` (whose gate is closed) and waits for the run.
-void startBlocked(util::ThreadObject& worker, Probe& probe) {
-  ASSERT_TRUE(worker.start(&probe));
-  ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
-}
-
-TEST(ThreadObject, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
-  LogCapture log(0);
-  Gate gate;
-  Probe probe;
-  probe.gate = &gate;
-  util::ThreadObject worker(&routine);
-  probe.self = &worker;
-  startBlocked(worker, probe);
+TEST_F(ThreadObjectTest, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
+  startBlocked();
   EXPECT_TRUE(worker.start(&probe));  // re-alive while the routine runs
   EXPECT_TRUE(log.contains("re-alive a thread before it is going to sleep"));
   EXPECT_FALSE(worker.start(&probe));  // requested and not yet begun
@@ -77,13 +78,8 @@ TEST(ThreadObject, StartWhileRunningRunsOnceMoreAndASecondRequestIsRefused) {
   EXPECT_EQ(probe.exitSeen, 1);
 }
 
-TEST(ThreadObject, PauseClearsAPendingRequest) {
-  LogCapture log(0);
-  Gate gate;
-  Probe probe;
-  probe.gate = &gate;
-  util::ThreadObject worker(&routine);
-  startBlocked(worker, probe);
+TEST_F(ThreadObjectTest, PauseClearsAPendingRequest) {
+  startBlocked();
   ASSERT_TRUE(worker.start(&probe));
   worker.stop(false);
   EXPECT_TRUE(log.contains("stop OK"));
@@ -92,22 +88,20 @@ TEST(ThreadObject, PauseClearsAPendingRequest) {
   EXPECT_EQ(probe.runs, 1);
 }
 
-TEST(ThreadObject, StopsOfANeverStartedObjectAndStartsAfterAForcedStop) {
-  LogCapture log(0);
-  util::ThreadObject idle(&routine);
-  idle.stop(false);
-  idle.stop(true);
+TEST_F(ThreadObjectTest, StopsOfANeverStartedObjectAndStartsAfterAForcedStop) {
+  worker.stop(false);
+  worker.stop(true);
   EXPECT_EQ(log.texts(), (std::vector<std::string>{"1", "have already paused", "1",
                                                    "hasn't ever started"}));
-  Probe probe;
-  util::ThreadObject worker(&routine);
-  ASSERT_TRUE(worker.start(&probe));
+  util::ThreadObject used(&routine);
+  probe.self = &used;
+  ASSERT_TRUE(used.start(&probe));
   ASSERT_TRUE(log.waitFor("thread begin to sleep"));
-  worker.stop(true);
+  used.stop(true);
   EXPECT_TRUE(log.contains("wait for thread object to be destroyed"));
-  EXPECT_FALSE(worker.start(&probe));
+  EXPECT_FALSE(used.start(&probe));
   EXPECT_TRUE(log.contains("The thread has been froced to destroyed yet, start failed 0"));
-  worker.stop(true);
+  used.stop(true);
   EXPECT_TRUE(log.contains("have already stopped"));
   EXPECT_EQ(probe.runs, 1);
 }
@@ -122,7 +116,8 @@ TEST(ThreadObject, DestroyingEndsTheThreadSleepingOrRunning) {
     Probe probe;
     if (running) probe.gate = &gate;
     auto worker = std::make_unique<util::ThreadObject>(&routine);
-    startBlocked(*worker, probe);
+    ASSERT_TRUE(worker->start(&probe));
+    ASSERT_TRUE(waitFor([&] { return probe.runs == 1; }));
     if (!running) {
       ASSERT_TRUE(log.waitFor("thread begin to sleep"));
     }
