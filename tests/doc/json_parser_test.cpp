@@ -10,50 +10,47 @@
 #include <vector>
 
 #include "doc/json_reader.h"
+#include "tests/doc/recording_reader.h"
 
 namespace {
 
+using testsupport::RecordingReader;
 using webs::JSONParser;
 using webs::JSONReader;
 
-// Records the node events it receives as one line of text.
-class EventLogReader : public webs::TreeReader {
- public:
-  int streamIn(const char*, int, int) override { return 0; }
-  void initialize() override {}
-  void clear() override { log.clear(); }
-  void readNodeBegin(const char* name, bool isArray) override {
-    log += std::string(isArray ? "[" : "(") + name + " ";
-  }
-  void readNodeEnd(const char*) override { log += ") "; }
-  void readNodeValue(const char* text, bool literal) override {
-    log += std::string(literal ? "=" : "='") + text + " ";
-  }
-  void readyRead() override {}
-  std::vector<unsigned char>* getRawData(const std::string&) override { return nullptr; }
-
-  std::string log;
-};
-
 struct Parsed {
-  int result;
+  int result;  // of the parser's last call
   int code;
   std::string events;
   long long offset;
+  std::string tree;  // a JSONReader's print after the same feed
 };
 
-// Feeds `doc` whole or byte by byte, then the end.
-Parsed parse(const std::string& doc, bool bytewise = false,
-             int maxDepth = JSONParser::kDefaultMaxDepth) {
-  EventLogReader sink;
+// Feeds `doc` to a parser and a JSONReader in pieces whose sizes come from
+// `nextSize`, up to the parser's first error, then the end; both must agree
+// on the error.
+template <typename NextSize>
+Parsed feed(const std::string& doc, NextSize nextSize,
+            int maxDepth = JSONParser::kDefaultMaxDepth) {
+  RecordingReader sink;
   JSONParser parser(&sink, maxDepth);
+  JSONReader reader(maxDepth);
   int result = 0;
-  size_t piece = bytewise ? 1 : doc.size();
-  for (size_t at = 0; at < doc.size() && result == 0; at += piece) {
-    result = parser.streamIn(doc.data() + at, static_cast<int>(piece), 0);
+  for (size_t at = 0, size = 0; at < doc.size() && result == 0; at += size) {
+    size = std::min(nextSize(), doc.size() - at);
+    result = parser.streamIn(doc.data() + at, static_cast<int>(size), 0);
+    reader.streamIn(doc.data() + at, static_cast<int>(size), 0);
   }
   if (result == 0) result = parser.streamIn(nullptr, 0, 1);
-  return {result, parser.getError().code, sink.log, parser.getErrorOffset()};
+  reader.streamIn(nullptr, 0, 1);
+  EXPECT_EQ(parser.getError().code, reader.getError().code);
+  return {result, parser.getError().code, sink.log, parser.getErrorOffset(), reader.toJSON()};
+}
+
+// Feeds `doc` whole or byte by byte.
+Parsed parse(const std::string& doc, bool bytewise = false,
+             int maxDepth = JSONParser::kDefaultMaxDepth) {
+  return feed(doc, [&] { return bytewise ? size_t{1} : doc.size(); }, maxDepth);
 }
 
 TEST(JSONParserTest, MalformedDocumentsGiveTheirErrorWholeAndBytewise) {
@@ -84,12 +81,11 @@ TEST(JSONParserTest, MalformedDocumentsGiveTheirErrorWholeAndBytewise) {
   for (const auto& group : groups) {
     for (const std::string& doc : group.docs) {
       SCOPED_TRACE(doc);
-      Parsed whole = parse(doc);
-      EXPECT_EQ(whole.result, -1);
-      EXPECT_EQ(whole.code, group.code);
-      Parsed bytewise = parse(doc, true);
-      EXPECT_EQ(bytewise.result, -1);
-      EXPECT_EQ(bytewise.code, group.code);
+      Parsed whole = parse(doc), bytewise = parse(doc, true);
+      for (const Parsed& p : {whole, bytewise}) {
+        EXPECT_EQ(p.result, -1);
+        EXPECT_EQ(p.code, group.code);
+      }
       EXPECT_EQ(bytewise.offset, whole.offset);
       EXPECT_EQ(bytewise.events, whole.events);
     }
@@ -128,12 +124,16 @@ TEST(JSONParserTest, EveryValueKindGivesItsDecodedEventsWholeAndBytewise) {
   }
 }
 
+// The reader fed alongside has the same limit: it builds, prints back and
+// tears down every level up to it.
 TEST(JSONParserTest, NestingAndTokenLengthAreLimited) {
   for (int depth : {1, 511, 512, 513, 100000}) {
     SCOPED_TRACE(depth);
-    Parsed whole = parse(std::string(depth, '[') + std::string(depth, ']'));
+    const std::string doc = std::string(depth, '[') + std::string(depth, ']');
+    Parsed whole = parse(doc);
     if (depth <= JSONParser::kDefaultMaxDepth) {
       EXPECT_EQ(whole.result, 0);
+      EXPECT_EQ(whole.tree, doc);
     } else {
       EXPECT_EQ(whole.code, JSONParser::kErrorTooDeep);
       EXPECT_EQ(whole.offset, JSONParser::kDefaultMaxDepth);
@@ -153,7 +153,7 @@ TEST(JSONParserTest, NestingAndTokenLengthAreLimited) {
 }
 
 TEST(JSONParserTest, ErrorIsStickyUntilResetAndDataAfterTheEndIsOne) {
-  EventLogReader sink;
+  RecordingReader sink;
   JSONParser parser(&sink);
   EXPECT_EQ(parser.streamIn("[1,", 3, 0), 0);
   EXPECT_EQ(parser.streamIn("x", 1, 0), -1);
@@ -195,46 +195,21 @@ const char kMixedDocument[] =
     " \"deep\":[[[{\"k\\u0041y\":[\"\\t\\/\\\\\\b\\f\\r\"]}]]],\n"
     " \"\xE2\x82\xAC\":\"\\u20AC\", \"last\":-0.0e-0}\n";
 
-struct Result {
-  std::string events;
-  std::string tree;
-  int code;
-};
-
-// Feeds `doc` in pieces whose sizes come from `nextSize`.
-template <typename NextSize>
-Result feed(const std::string& doc, NextSize nextSize) {
-  EventLogReader sink;
-  JSONParser parser(&sink);
-  JSONReader reader;
-  size_t at = 0;
-  while (at < doc.size()) {
-    size_t size = std::min(nextSize(), doc.size() - at);
-    parser.streamIn(doc.data() + at, static_cast<int>(size), 0);
-    reader.streamIn(doc.data() + at, static_cast<int>(size), 0);
-    at += size;
-  }
-  parser.streamIn(nullptr, 0, 1);
-  reader.streamIn(nullptr, 0, 1);
-  EXPECT_EQ(parser.getError().code, reader.getError().code);
-  return {sink.log, reader.toJSON(), parser.getError().code};
-}
-
 // Every token kind and separator is cut somewhere by one of the 40 random
 // cuttings; the bytewise feed cuts them all.
 TEST(JSONChunkingTest, MixedDocumentGivesTheSameEventsAndTreeWholeBytewiseAndInRandomPieces) {
   const std::string doc = kMixedDocument;
-  Result whole = feed(doc, [&]() { return doc.size(); });
-  ASSERT_EQ(whole.code, 0);
+  Parsed whole = parse(doc);
+  ASSERT_EQ(whole.result, 0);
   EXPECT_NE(whole.tree.find("\"kAy\""), std::string::npos) << whole.tree;
-  Result bytewise = feed(doc, []() { return size_t{1}; });
+  Parsed bytewise = parse(doc, true);
   EXPECT_EQ(bytewise.events, whole.events);
   EXPECT_EQ(bytewise.tree, whole.tree);
   for (unsigned seed = 1; seed <= 40; ++seed) {
     SCOPED_TRACE(seed);
     std::mt19937 rng(seed);
     size_t limit = seed % 4 == 0 ? 64 : 7;
-    Result random = feed(doc, [&]() { return 1 + rng() % limit; });
+    Parsed random = feed(doc, [&]() { return 1 + rng() % limit; });
     EXPECT_EQ(random.events, whole.events);
     EXPECT_EQ(random.tree, whole.tree);
   }

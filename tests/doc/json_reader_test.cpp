@@ -144,15 +144,4 @@ TEST(JSONReaderTest, ClearForgetsThePreviousDocumentOrErrorAndReusesRecords) {
   EXPECT_EQ(reader.toJSON(), "[7]");
 }
 
-TEST(JSONReaderTest, DeepNestingUpToTheLimitBuildsAndTearsDown) {
-  JSONReader reader;
-  int depth = JSONParser::kDefaultMaxDepth;
-  std::string doc = std::string(depth, '[') + std::string(depth, ']');
-  ASSERT_EQ(parse(reader, doc), 0);
-  EXPECT_EQ(reader.toJSON(), doc);  // every level printed back
-  JSONReader limited(4);
-  EXPECT_EQ(parse(limited, "[[[[[]]]]]"), -1);
-  EXPECT_EQ(limited.getError().code, JSONParser::kErrorTooDeep);
-}
-
 }  // namespace

@@ -7,31 +7,13 @@
 #include <string>
 
 #include "doc/json_reader.h"
+#include "tests/doc/recording_reader.h"
 
 namespace {
 
+using testsupport::RecordingReader;
 using webs::JSONReader;
 using webs::MethodResponse;
-using webs::TreeReader;
-
-// Records every call the response makes into it, in order.
-class RecordingReader : public TreeReader {
- public:
-  int streamIn(const char* data, int size, int isLast) override {
-    calls += "streamIn(" + std::string(data ? std::string(data, size) : "null") + "," +
-             std::to_string(size) + "," + std::to_string(isLast) + ") ";
-    return 0;
-  }
-  void initialize() override { calls += "initialize "; }
-  void clear() override { calls += "clear "; }
-  void readNodeBegin(const char*, bool) override { calls += "begin "; }
-  void readNodeEnd(const char*) override { calls += "end "; }
-  void readNodeValue(const char*, bool) override { calls += "value "; }
-  void readyRead() override { calls += "readyRead "; }
-  std::vector<unsigned char>* getRawData(const std::string&) override { return nullptr; }
-
-  std::string calls;
-};
 
 // A result-processing subclass: records the call, and with a JSON reader
 // takes "status" and "message" from the tree.
@@ -39,7 +21,7 @@ class StatusResponse : public MethodResponse {
  public:
   void processResult() override {
     ++processed;
-    if (recorder) recorder->calls += "processResult ";
+    if (recorder) recorder->log += "processResult ";
     if (!json) return;
     const std::string* status = json->lookupValue("status");
     const std::string* message = json->lookupValue("message");
@@ -58,8 +40,8 @@ TEST(MethodResponseTest, OneTransferCallsTheReaderInSequence) {
   StatusResponse response;
   response.recorder = &reader;
   response.initialize(&reader);
-  EXPECT_EQ(reader.calls, "initialize ");
-  reader.calls.clear();
+  EXPECT_EQ(reader.log, "initialize ");
+  reader.log.clear();
 
   response.readyReceive();
   char body[] = "abcdef";
@@ -67,7 +49,7 @@ TEST(MethodResponseTest, OneTransferCallsTheReaderInSequence) {
   EXPECT_EQ(response.receive(body + 4, 2, nullptr, 3), 2);
   EXPECT_EQ(response.receive(body, 0, nullptr, 3), 0);
   response.finishReceive();
-  EXPECT_EQ(reader.calls,
+  EXPECT_EQ(reader.log,
             "clear readyRead streamIn(abcd,4,0) streamIn(ef,2,0) streamIn(,0,0) "
             "streamIn(null,0,1) processResult ");
 }
@@ -78,13 +60,13 @@ TEST(MethodResponseTest, SwitchReaderDoesNotInitialiseAndNullIsAllowed) {
   MethodResponse response;
   response.initialize(nullptr);
   response.switchReader(&second);
-  EXPECT_EQ(second.calls, "");
+  EXPECT_EQ(second.log, "");
   response.initialize(&first);
-  EXPECT_EQ(first.calls, "initialize ");
+  EXPECT_EQ(first.log, "initialize ");
   response.switchReader(&second);
   response.readyReceive();
-  EXPECT_EQ(second.calls, "clear readyRead ");
-  EXPECT_EQ(first.calls, "initialize ");
+  EXPECT_EQ(second.log, "clear readyRead ");
+  EXPECT_EQ(first.log, "initialize ");
   EXPECT_EQ(response.findResultStruct(), nullptr);
 }
 
