@@ -26,6 +26,7 @@
 
 #include <curl/curl.h>
 
+#include "http/http_options.h"
 #include "http/limit_speed.h"
 #include "http/method_param_station.h"
 #include "http/moving_average.h"
@@ -96,6 +97,8 @@ class MethodRequest : public util::Semaphore {
   void setClientAuthertication(std::string const& value);
   void setPrivateKey(std::string const& value);
   void setKeyType(std::string const& value);
+  // What each setter above does: keeps `value` for the next executeGet.
+  void setOption(HttpOption which, std::string const& value);
 
   // Query parameters appended to the URL of every transfer (buildUrl).
   void pushParam(std::string const& name, std::string const& value);
@@ -138,7 +141,7 @@ class MethodRequest : public util::Semaphore {
   // REQUIRES: lock held. Both stall checks; true to abort the transfer.
   bool progressCount(long now);
   bool timeoutCount(long now);
-  // Sets the stored string options and the IP family on the handle.
+  // Sets the stored options and the IP family on the handle.
   void applyStoredOptions();
   void resetHeaders();
   static long nowMicros();
@@ -183,7 +186,7 @@ class MethodRequest : public util::Semaphore {
   std::string serverName;
   std::string contentType;
   std::string peerAddress;
-  std::string userAgent, proxy, cookie, caPath, caInfo, clientCert, privateKey, keyType;
+  HttpOptions options;
 
   MethodParam* params = nullptr;  // owner thread only (set up before transfers)
   MethodParam* lastParam = nullptr;

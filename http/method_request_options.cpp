@@ -90,41 +90,36 @@ void MethodRequest::InitCurl(char const* url) {
 void MethodRequest::applyStoredOptions() {
   // Copied under the lock, applied without it: setters may run on other
   // threads, libcurl is only touched here on the transfer's thread.
-  std::string ua, px, ck, cap, ca, cert, key, ktype;
+  HttpOptions stored;
   int ip;
   {
     util::SyncGuard guard(*this);
-    ua = userAgent; px = proxy; ck = cookie; cap = caPath; ca = caInfo;
-    cert = clientCert; key = privateKey; ktype = keyType;
+    stored = options;
     ip = ipType;
   }
-  // libcurl copies option strings, so the locals may go.
   curl_easy_setopt(curl, CURLOPT_IPRESOLVE, static_cast<long>(ip));
   curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
                    featureFlag.load(std::memory_order_relaxed) == 1 ? 6L : 10L);
-  if (!ua.empty()) curl_easy_setopt(curl, CURLOPT_USERAGENT, ua.c_str());
-  if (!px.empty()) curl_easy_setopt(curl, CURLOPT_PROXY, px.c_str());
-  if (!ck.empty()) curl_easy_setopt(curl, CURLOPT_COOKIE, ck.c_str());
-  if (!cap.empty()) curl_easy_setopt(curl, CURLOPT_CAPATH, cap.c_str());
-  if (!ca.empty()) curl_easy_setopt(curl, CURLOPT_CAINFO, ca.c_str());
-  if (!cert.empty()) curl_easy_setopt(curl, CURLOPT_SSLCERT, cert.c_str());
-  if (!key.empty()) curl_easy_setopt(curl, CURLOPT_SSLKEY, key.c_str());
-  if (!ktype.empty()) curl_easy_setopt(curl, CURLOPT_SSLKEYTYPE, ktype.c_str());
+  stored.applyTo(curl);
 }
 
 // Values take effect at the next executeGet; an empty string keeps the
 // handle's current setting.
-void MethodRequest::setUserAgent(std::string const& v) { util::SyncGuard g(*this); userAgent = v; }
-void MethodRequest::setProxy(std::string const& v) { util::SyncGuard g(*this); proxy = v; }
-void MethodRequest::setCookie(std::string const& v) { util::SyncGuard g(*this); cookie = v; }
-void MethodRequest::setCAPath(std::string const& v) { util::SyncGuard g(*this); caPath = v; }
-void MethodRequest::setCA(std::string const& v) { util::SyncGuard g(*this); caInfo = v; }
-void MethodRequest::setClientAuthertication(std::string const& v) {
-  util::SyncGuard g(*this);
-  clientCert = v;
+void MethodRequest::setOption(HttpOption which, std::string const& value) {
+  util::SyncGuard guard(*this);
+  options.set(which, value);
 }
-void MethodRequest::setPrivateKey(std::string const& v) { util::SyncGuard g(*this); privateKey = v; }
-void MethodRequest::setKeyType(std::string const& v) { util::SyncGuard g(*this); keyType = v; }
+
+void MethodRequest::setUserAgent(std::string const& v) { setOption(HttpOption::kUserAgent, v); }
+void MethodRequest::setProxy(std::string const& v) { setOption(HttpOption::kProxy, v); }
+void MethodRequest::setCookie(std::string const& v) { setOption(HttpOption::kCookie, v); }
+void MethodRequest::setCAPath(std::string const& v) { setOption(HttpOption::kCAPath, v); }
+void MethodRequest::setCA(std::string const& v) { setOption(HttpOption::kCA, v); }
+void MethodRequest::setClientAuthertication(std::string const& v) {
+  setOption(HttpOption::kClientCert, v);
+}
+void MethodRequest::setPrivateKey(std::string const& v) { setOption(HttpOption::kPrivateKey, v); }
+void MethodRequest::setKeyType(std::string const& v) { setOption(HttpOption::kKeyType, v); }
 
 void MethodRequest::setMethodFeatureFlag(int flag) {
   CV_LOG(-4, "handle:%p, MethodRequest set flag :%d", static_cast<void*>(this), flag);

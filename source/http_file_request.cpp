@@ -11,6 +11,22 @@
 
 namespace webs {
 
+namespace {
+
+// The line each string option setter logs, by HttpOption.
+constexpr char const* kOptionLogLines[kHttpOptionCount] = {
+    "set UAString = %s",
+    "set http proxy :%s",
+    "set http cookie :%s",
+    "set CA path:%s",
+    "set CA Info:%s",
+    "set Client Authertication:%s",
+    "set Private Key:%s",
+    "set Key Type:%s",
+};
+
+}  // namespace
+
 HttpFileRequest::HttpFileRequest(std::string const& location) : FileRequest(location) {}
 
 HttpFileRequest::~HttpFileRequest() {
@@ -302,57 +318,33 @@ void HttpFileRequest::spinWhileStopWait(bool logEachTurn) {
   }
 }
 
-void HttpFileRequest::setUserAgent(std::string const& value) {
-  CV_LOG(0, "set UAString = %s", value.c_str());
-  {
+void HttpFileRequest::forwardOption(HttpOption which, std::string const& value) {
+  CV_LOG(0, kOptionLogLines[static_cast<int>(which)], value.c_str());
+  std::string* kept = which == HttpOption::kUserAgent ? &userAgent
+                      : which == HttpOption::kProxy   ? &proxy
+                      : which == HttpOption::kCookie  ? &cookie
+                                                      : nullptr;
+  if (kept != nullptr) {
     util::SyncGuard guard(*this);
-    userAgent = value;
+    *kept = value;
   }
-  method.setUserAgent(value);
+  method.setOption(which, value);
 }
 
-void HttpFileRequest::setProxy(std::string const& value) {
-  CV_LOG(0, "set http proxy :%s", value.c_str());
-  {
-    util::SyncGuard guard(*this);
-    proxy = value;
-  }
-  method.setProxy(value);
+void HttpFileRequest::setUserAgent(std::string const& v) {
+  forwardOption(HttpOption::kUserAgent, v);
 }
-
-void HttpFileRequest::setCookie(std::string const& value) {
-  CV_LOG(0, "set http cookie :%s", value.c_str());
-  {
-    util::SyncGuard guard(*this);
-    cookie = value;
-  }
-  method.setCookie(value);
+void HttpFileRequest::setProxy(std::string const& v) { forwardOption(HttpOption::kProxy, v); }
+void HttpFileRequest::setCookie(std::string const& v) { forwardOption(HttpOption::kCookie, v); }
+void HttpFileRequest::setCAPath(std::string const& v) { forwardOption(HttpOption::kCAPath, v); }
+void HttpFileRequest::setCA(std::string const& v) { forwardOption(HttpOption::kCA, v); }
+void HttpFileRequest::setClientAuthertication(std::string const& v) {
+  forwardOption(HttpOption::kClientCert, v);
 }
-
-void HttpFileRequest::setCAPath(std::string const& value) {
-  CV_LOG(0, "set CA path:%s", value.c_str());
-  method.setCAPath(value);
+void HttpFileRequest::setPrivateKey(std::string const& v) {
+  forwardOption(HttpOption::kPrivateKey, v);
 }
-
-void HttpFileRequest::setCA(std::string const& value) {
-  CV_LOG(0, "set CA Info:%s", value.c_str());
-  method.setCA(value);
-}
-
-void HttpFileRequest::setClientAuthertication(std::string const& value) {
-  CV_LOG(0, "set Client Authertication:%s", value.c_str());
-  method.setClientAuthertication(value);
-}
-
-void HttpFileRequest::setPrivateKey(std::string const& value) {
-  CV_LOG(0, "set Private Key:%s", value.c_str());
-  method.setPrivateKey(value);
-}
-
-void HttpFileRequest::setKeyType(std::string const& value) {
-  CV_LOG(0, "set Key Type:%s", value.c_str());
-  method.setKeyType(value);
-}
+void HttpFileRequest::setKeyType(std::string const& v) { forwardOption(HttpOption::kKeyType, v); }
 
 void HttpFileRequest::setIpResolve(std::string const& value) {
   CV_LOG(0, "set ip resolve:%s", value.c_str());

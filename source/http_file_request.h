@@ -121,6 +121,10 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
   int eventForResult(int result);
   void spinWhileStopWait(bool logEachTurn);
   void wakeWaiters();
+  // The common path of the string option setters: logs `value` with the
+  // setter's line, keeps it when the setter keeps a copy, forwards it to
+  // `method`.
+  void forwardOption(HttpOption which, std::string const& value);
 
   std::string userAgent, proxy, cookie;  // guarded by the lock
   MethodRequest method;
