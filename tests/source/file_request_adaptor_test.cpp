@@ -1,9 +1,12 @@
+// Which source a location gets, and its release.
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "source/file_request_adaptor.h"
+#include "source/http_file_request.h"
+#include "source/local_file_request.h"
 #include "support/log_capture.h"
 #include "support/temp_dir.h"
 
@@ -18,16 +21,17 @@ struct KindCase {
 
 class AdaptorKinds : public ::testing::TestWithParam<KindCase> {};
 
-TEST_P(AdaptorKinds, ChoosesBySubstring) {
+TEST_P(AdaptorKinds, ChoosesBySubstringAndBuildsThatSource) {
   const KindCase& c = GetParam();
   EXPECT_EQ(FileRequestAdaptor::kindOf(c.location), c.kind) << c.location;
   std::unique_ptr<FileRequest> request(FileRequestAdaptor::createFileRequest(c.location));
+  ASSERT_EQ(request != nullptr, c.kind != FileRequestAdaptor::KIND_NONE);
   if (c.kind == FileRequestAdaptor::KIND_LOCAL) {
-    ASSERT_NE(request, nullptr);
     EXPECT_EQ(request->getRequestType(), 0);
-  } else if (request) {
-    // HTTP locations never get the local source.
+    EXPECT_NE(dynamic_cast<LocalFileRequest*>(request.get()), nullptr);
+  } else if (c.kind == FileRequestAdaptor::KIND_HTTP) {
     EXPECT_EQ(request->getRequestType(), 1);
+    EXPECT_NE(dynamic_cast<webs::HttpFileRequest*>(request.get()), nullptr);
   }
 }
 
@@ -56,7 +60,6 @@ TEST(FileRequestAdaptor, ReleaseLogsAndDeletes) {
   EXPECT_EQ(request->getContentSize(), 3);
   LogCapture log(1);
   FileRequestAdaptor::releaseFileRequest(request);
-  std::vector<std::string> texts = log.texts();
   int begin = log.indexOf("begin to release FileRequest");
   int relBegin = log.indexOf("file relsease begin", begin);
   int end = log.indexOf("end to release FileRequest", relBegin);

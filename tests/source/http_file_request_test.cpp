@@ -3,12 +3,10 @@
 // requested offset, and the end of each transfer as a stream event and a
 // download status.
 #include <android/log.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <mutex>
 #include <ostream>
 #include <string>
@@ -18,20 +16,14 @@
 #include <gtest/gtest.h>
 
 #include "diag/log.h"
-#include "source/file_request_adaptor.h"
+#include "source/failing_endpoint.h"
 #include "source/http_file_request.h"
 #include "source/recording_sink.h"
 #include "support/log_capture.h"
-#include "support/refusing_port.h"
-#include "support/scripted_http_server.h"
+#include "support/pattern_check.h"
 #include "support/wait.h"
 
-using testsupport::firstPatternMismatch;
-using testsupport::LogCapture;
-using testsupport::Script;
-using testsupport::ScriptedHttpServer;
-using testsupport::waitFor;
-
+namespace testsupport {
 namespace {
 
 constexpr long long kUnknown = 0x0FFFFFFFFFFFFFFFLL;
@@ -67,13 +59,9 @@ struct Source {
 // Every byte the sink got is the pattern from `from`, and all versions are
 // `version`.
 void expectPatternFrom(const RecordingSink& sink, long long from, long long size, int version) {
-  std::string bytes = sink.bytes();
-  EXPECT_EQ(static_cast<long long>(bytes.size()), size - from);
-  EXPECT_EQ(firstPatternMismatch(bytes.data(), from, static_cast<long long>(bytes.size())), -1);
+  EXPECT_TRUE(isPatternAt(sink.bytes(), from, size - from));
   for (const RecordedChunk& chunk : sink.chunks()) EXPECT_EQ(chunk.version, version);
 }
-
-using testsupport::RefusingPort;
 
 // What the first answer says about the resource.
 struct FirstAnswerCase {
@@ -157,9 +145,7 @@ TEST(HttpFileRequest, BoundedStartSendsTheLastByteWanted) {
   ASSERT_EQ(source.request.startStreaming(1, 1000, 5000), 0);
   ASSERT_EQ(server.requestCount(), 1);
   EXPECT_EQ(server.requests()[0].header("Range"), "bytes=1000-5999");
-  std::string bytes = source.sink.bytes();
-  EXPECT_EQ(bytes.size(), 5000u);
-  EXPECT_EQ(firstPatternMismatch(bytes.data(), 1000, 5000), -1);
+  EXPECT_TRUE(isPatternAt(source.sink.bytes(), 1000, 5000));
   // The size of a ranged answer is the resource's, not the range's.
   EXPECT_EQ(source.request.getContentSize(), 1 << 20);
 }
@@ -167,7 +153,9 @@ TEST(HttpFileRequest, BoundedStartSendsTheLastByteWanted) {
 // How a failed transfer ends.
 struct FailureCase {
   const char* name;
-  int status;        // scripted answer status (0: no server at all)
+  Place place;
+  int status;       // the scripted answer's status
+  int featureFlag;  // -1: not set
   std::vector<int> events;
   int downloadStatus;
   std::vector<const char*> logs = {};
@@ -179,13 +167,10 @@ class FailedTransfer : public ::testing::TestWithParam<FailureCase> {};
 
 TEST_P(FailedTransfer, EndsWithItsEventAndStatus) {
   const FailureCase& c = GetParam();
-  Script s;
-  s.status = c.status;
-  s.body = "no such thing";
-  ScriptedHttpServer server(s);
-  RefusingPort refusing;
-  Source source(c.status != 0 ? server.url() : refusing.url());
+  FailingEndpoint location(c.place, c.status);
+  Source source(location.url());
   LogCapture log(0);
+  if (c.featureFlag != -1) source.request.setFeatureFlag(c.featureFlag);
   EXPECT_EQ(source.request.startStreaming(1, 0, 0), 0);
   for (const char* line : c.logs) EXPECT_TRUE(log.contains(line)) << line;
   EXPECT_EQ(source.sink.events(), c.events);
@@ -193,62 +178,30 @@ TEST_P(FailedTransfer, EndsWithItsEventAndStatus) {
   EXPECT_TRUE(source.sink.chunks().empty());
 }
 
+constexpr int kNotFound = util::EVENT_STREAM_NOT_FOUND;
+constexpr int kNotAvailable = util::EVENT_STREAM_NOT_AVAILABLE;
+
 INSTANTIATE_TEST_SUITE_P(
     Answers, FailedTransfer,
     ::testing::Values(
-        FailureCase{"NotFound", 404, {util::EVENT_STREAM_NOT_FOUND}, 404},
-        FailureCase{"Forbidden", 403, {util::EVENT_STREAM_NOT_FOUND}, 403},
-        FailureCase{"Unavailable", 503, {util::EVENT_STREAM_NOT_AVAILABLE}, 503},
-        FailureCase{"InternalError", 500, {util::EVENT_STREAM_NOT_AVAILABLE}, 500},
+        FailureCase{"NotFound", Place::Server, 404, -1, {kNotFound}, 404},
+        FailureCase{"Forbidden", Place::Server, 403, -1, {kNotFound}, 403},
+        FailureCase{"Unavailable", Place::Server, 503, -1, {kNotAvailable}, 503},
+        FailureCase{"InternalError", Place::Server, 500, -1, {kNotAvailable}, 500},
         // Neither content nor an error: the source says so itself and the
         // refused body then ends the transfer as cancelled.
-        FailureCase{"NonContentSuccess",
-                    203,
-                    {util::EVENT_STREAM_ERROR, util::EVENT_STREAM_CANCEL},
-                    0},
-        FailureCase{"ConnectionRefused",
-                    0,
-                    {util::EVENT_STREAM_NOT_FOUND},
+        FailureCase{"NonContentSuccess", Place::Server, 203, -1,
+                    {util::EVENT_STREAM_ERROR, util::EVENT_STREAM_CANCEL}, 0},
+        FailureCase{"ConnectionRefused", Place::ClosedPort, 0, -1, {kNotFound},
                     webs::DOWNLOAD_CONNECT_REJECT,
-                    {"set status DOWNLOAD_CONNECT_REJECT", "notify EVENT_STREAM_ERROR"}}),
+                    {"set status DOWNLOAD_CONNECT_REJECT", "notify EVENT_STREAM_ERROR"}},
+        FailureCase{"UnresolvableHost", Place::UnresolvableHost, 0, -1, {kNotFound},
+                    webs::DOWNLOAD_DNS_UNABLE_RESOLVED, {"NO GJZ CASE, couldn't resolve host"}},
+        // With feature flag 1 an error the queue may retry.
+        FailureCase{"UnresolvableHostGJZ", Place::UnresolvableHost, 0, 1,
+                    {util::EVENT_STREAM_ERROR}, webs::DOWNLOAD_DNS_UNABLE_RESOLVED,
+                    {"GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED"}}),
     [](const ::testing::TestParamInfo<FailureCase>& p) { return p.param.name; });
-
-struct UnresolvedCase {
-  int featureFlag;
-  int event;
-  const char* log;
-};
-
-void PrintTo(const UnresolvedCase& c, std::ostream* os) { *os << "flag " << c.featureFlag; }
-
-class UnresolvableHost : public ::testing::TestWithParam<UnresolvedCase> {};
-
-TEST_P(UnresolvableHost, EndsAsNotFoundOrAsRetriableError) {
-  const UnresolvedCase& c = GetParam();
-  Source source("http://no-such-host.invalid/file");
-  LogCapture log(0);
-  source.request.setFeatureFlag(c.featureFlag);
-  EXPECT_EQ(source.request.startStreaming(1, 0, 0), 0);
-  EXPECT_EQ(source.sink.events(), std::vector<int>{c.event});
-  EXPECT_EQ(source.request.getDownloadStatus(), webs::DOWNLOAD_DNS_UNABLE_RESOLVED);
-  EXPECT_TRUE(log.contains(c.log));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Flags, UnresolvableHost,
-    ::testing::Values(UnresolvedCase{-1, util::EVENT_STREAM_NOT_FOUND,
-                                     "NO GJZ CASE, couldn't resolve host"},
-                      UnresolvedCase{1, util::EVENT_STREAM_ERROR,
-                                     "GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED"}),
-    [](const ::testing::TestParamInfo<UnresolvedCase>& p) {
-      return p.param.featureFlag == 1 ? std::string("GJZ") : std::string("Default");
-    });
-
-int countContaining(const LogCapture& log, const std::string& part) {
-  int n = 0;
-  for (const std::string& t : log.texts()) n += t.find(part) != std::string::npos ? 1 : 0;
-  return n;
-}
 
 // How a transfer that is cut from another thread ends.
 struct InterruptCase {
@@ -279,8 +232,8 @@ TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
   // The stall check logs this only once the transfer thread has left the
   // last chunk's receive(); a stop that came while it was still inside it
   // would rightly end with a refused chunk (23) instead.
-  EXPECT_TRUE(
-      waitFor([&] { return countContaining(log, "The http connection speed is low") > 0; }, 10000));
+  EXPECT_TRUE(waitFor([&] { return log.countContaining("The http connection speed is low") > 0; },
+                      10000));
   EXPECT_EQ(source.sink.bytes().size(), 65536u);
   if (c.stop) {
     source.request.stopStreaming();
@@ -296,7 +249,7 @@ TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
     // Two seconds of silence after the last byte; the wait above began
     // about one second into it.
     EXPECT_GE(std::chrono::steady_clock::now() - cut, std::chrono::milliseconds(700));
-    EXPECT_EQ(countContaining(log, "s no data comes, customer cancel read"), 1);
+    EXPECT_EQ(log.countContaining("s no data comes, customer cancel read"), 1);
   }
   worker.join();
   EXPECT_EQ(source.sink.events(), (std::vector<int>{util::EVENT_STREAM_NORMAL, c.event}));
@@ -307,9 +260,9 @@ TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
 
 INSTANTIATE_TEST_SUITE_P(
     Interrupts, InterruptedTransfer,
-    ::testing::Values(InterruptCase{"Stop", true, util::EVENT_STREAM_CANCEL, "aborted by callback :42"},
-                      InterruptCase{"BreakThenSilence", false, util::EVENT_STREAM_DEAD,
-                                    "connection is dead"}),
+    ::testing::Values(
+        InterruptCase{"Stop", true, util::EVENT_STREAM_CANCEL, "aborted by callback :42"},
+        InterruptCase{"BreakThenSilence", false, util::EVENT_STREAM_DEAD, "connection is dead"}),
     [](const ::testing::TestParamInfo<InterruptCase>& p) { return p.param.name; });
 
 // Runs `hook` on the logging thread for every line the library prints while
@@ -481,13 +434,5 @@ TEST(HttpFileRequest, SettersLogTheirValueAndReachTheWire) {
   EXPECT_STREQ(ip, "127.0.0.1");
 }
 
-TEST(HttpFileRequest, AdaptorBuildsTheHttpSourceForBothSchemes) {
-  for (const char* location : {"http://127.0.0.1/a", "https://127.0.0.1/a", "/x/http://h/a"}) {
-    std::unique_ptr<FileRequest> request(FileRequestAdaptor::createFileRequest(location));
-    ASSERT_NE(request, nullptr) << location;
-    EXPECT_EQ(request->getRequestType(), 1) << location;
-    EXPECT_NE(dynamic_cast<webs::HttpFileRequest*>(request.get()), nullptr) << location;
-  }
-}
-
 }  // namespace
+}  // namespace testsupport

@@ -1,8 +1,6 @@
 // HTTP faults through the C interface: failing locations as read codes,
 // download statuses and stream events; stalling and silent servers; a close
 // that breaks a read blocked on a stalled server.
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -14,21 +12,13 @@
 #include <gtest/gtest.h>
 
 #include "corvane/smart_file.h"
+#include "source/failing_endpoint.h"
 #include "source/smart_file_reading.h"
 #include "support/log_capture.h"
-#include "support/refusing_port.h"
-#include "support/scripted_http_server.h"
+#include "support/pattern_check.h"
 #include "support/wait.h"
 
-using testsupport::firstPatternMismatch;
-using testsupport::Handle;
-using testsupport::LogCapture;
-using testsupport::rangeStarts;
-using testsupport::readBytes;
-using testsupport::Script;
-using testsupport::ScriptedHttpServer;
-using testsupport::waitFor;
-
+namespace testsupport {
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -36,16 +26,6 @@ using Clock = std::chrono::steady_clock;
 double secondsSince(Clock::time_point start) {
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
-
-using testsupport::RefusingPort;
-
-int countContaining(const LogCapture& log, const std::string& part) {
-  int n = 0;
-  for (const std::string& t : log.texts()) n += t.find(part) != std::string::npos ? 1 : 0;
-  return n;
-}
-
-enum class Place { Server, UnresolvableHost, ClosedPort };
 
 struct FailureCase {
   const char* name;
@@ -63,17 +43,9 @@ class FailingLocation : public ::testing::TestWithParam<FailureCase> {};
 
 TEST_P(FailingLocation, ReadCodeDownloadStatusAndEvent) {
   const FailureCase& c = GetParam();
-  Script s;
-  s.status = c.status;
-  s.body = "no such thing";
-  ScriptedHttpServer server(s);
-  RefusingPort refusing;
-  std::string url = c.place == Place::Server ? server.url()
-                    : c.place == Place::UnresolvableHost
-                        ? std::string("http://no-such-host.invalid/file")
-                        : refusing.url();
+  FailingEndpoint location(c.place, c.status);
   LogCapture log(0);
-  Handle h(url);
+  Handle h(location.url());
   ASSERT_EQ(h.opened, SMFR_OK);
   if (c.featureFlag != -1) {
     EXPECT_EQ(x_smart_file_set_featureflag(h.id, c.featureFlag), SMFR_OK);
@@ -119,10 +91,9 @@ TEST(HttpFaults, StallsAreCutAfterFourSecondsWithFeatureFlagOne) {
   int code = 0;
   std::string bytes = readBytes(h.id, s.size, 50000, &code);
   double seconds = secondsSince(began);
-  ASSERT_EQ(static_cast<long long>(bytes.size()), s.size) << "last code " << code;
-  EXPECT_EQ(firstPatternMismatch(bytes.data(), 0, s.size), -1);
+  ASSERT_TRUE(isPatternAt(bytes, 0, s.size)) << "last code " << code;
   // Two stalls (the third connection has less than 400 KiB to send).
-  EXPECT_EQ(countContaining(log, "Too long time no data comes, the connection is die"), 2);
+  EXPECT_EQ(log.countContaining("Too long time no data comes, the connection is die"), 2);
   EXPECT_GT(seconds, 7.5);
   EXPECT_LT(seconds, 20.0);
   EXPECT_EQ(rangeStarts(server, "/file"), (std::vector<long long>{0, 400 << 10, 800 << 10}));
@@ -196,7 +167,7 @@ TEST(HttpFaults, CloseReturnsAReadBlockedOnAStalledServer) {
     returned = true;
   });
   ASSERT_TRUE(waitFor([&] { return server.bytesSent() >= 65536; }, 10000));
-  EXPECT_TRUE(testsupport::staysFalse([&] { return returned.load(); }, 300));
+  EXPECT_TRUE(staysFalse([&] { return returned.load(); }, 300));
   auto closing = Clock::now();
   EXPECT_EQ(h.close(), SMFR_OK);
   EXPECT_TRUE(waitFor([&] { return returned.load(); }, 3000));
@@ -206,3 +177,4 @@ TEST(HttpFaults, CloseReturnsAReadBlockedOnAStalledServer) {
 }
 
 }  // namespace
+}  // namespace testsupport

@@ -1,9 +1,11 @@
+// LocalFileRequest: chunked delivery from an offset, refusals, stop and
+// restart of a running reader, and its log lines.
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <cstdio>
-#include <memory>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,39 +13,31 @@
 #include <gtest/gtest.h>
 
 #include "source/local_file_request.h"
+#include "source/recording_sink.h"
 #include "support/log_capture.h"
+#include "support/scripted_http_server.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
-#include "tests/source/recording_sink.h"
 
-using testsupport::LogCapture;
-using testsupport::TempDir;
-using testsupport::waitFor;
-
+namespace testsupport {
 namespace {
-
-// Byte at `offset` of the test files: computable anywhere, no period of a
-// power of two.
-char patternAt(long long offset) { return static_cast<char>((offset * 7 + offset / 251) & 0xff); }
 
 std::string pattern(long long from, long long size) {
   std::string s(static_cast<size_t>(size), '\0');
-  for (long long i = 0; i < size; ++i) s[static_cast<size_t>(i)] = patternAt(from + i);
+  fillPattern(&s[0], from, size);
   return s;
 }
 
 const int kPartialEnd = util::EVENT_STREAM_PARTIAL_END;
 const int kNormal = util::EVENT_STREAM_NORMAL;
 
-struct Fixture {
-  explicit Fixture(long long size) : path(dir.write("f.bin", pattern(0, size))) {
-    request.reset(new LocalFileRequest(path));
+// A file of `size` pattern bytes and its initialized source, sending to `sink`.
+template <typename Sink>
+struct SourceOf {
+  explicit SourceOf(long long size) : path(dir.write("f.bin", pattern(0, size))), request(path) {
+    EXPECT_TRUE(request.initialize());
+    request.setOut(&sink);
   }
-  TempDir dir;
-  std::string path;
-  RecordingSink sink;
-  std::unique_ptr<LocalFileRequest> request;
-
   bool ended(int times = 1) {
     return waitFor([&] {
       int n = 0;
@@ -51,7 +45,12 @@ struct Fixture {
       return n >= times;
     });
   }
+  TempDir dir;
+  std::string path;
+  Sink sink;
+  LocalFileRequest request;
 };
+using Fixture = SourceOf<RecordingSink>;
 
 struct ReadCase {
   const char* name;
@@ -67,17 +66,15 @@ TEST_P(LocalReadTable, DeliversTheChunksThenThePartialEnd) {
   const ReadCase& c = GetParam();
   LogCapture log(1);
   Fixture f(c.fileSize);
-  ASSERT_TRUE(f.request->initialize());
-  EXPECT_EQ(f.request->getContentSize(), c.fileSize);
+  EXPECT_EQ(f.request.getContentSize(), c.fileSize);
   EXPECT_TRUE(log.contains("xxxxx file size:" + std::to_string(c.fileSize)));
-  f.request->setOut(&f.sink);
-
-  ASSERT_EQ(f.request->startStreaming(5, c.from, c.count), 0);
+  ASSERT_EQ(f.request.startStreaming(5, c.from, c.count), 0);
   ASSERT_TRUE(f.ended());
-  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" +
-                          std::to_string(c.fileSize - c.from)));
+  long long total = 0;
+  for (unsigned long size : c.chunkSizes) total += static_cast<long long>(size);
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" + std::to_string(total)));
   EXPECT_EQ(f.sink.sizes(), c.chunkSizes);
-  EXPECT_EQ(f.sink.bytes(), pattern(c.from, c.fileSize - c.from));
+  EXPECT_EQ(f.sink.bytes(), pattern(c.from, total));
   for (const RecordedChunk& chunk : f.sink.chunks()) EXPECT_EQ(chunk.version, 5);
   EXPECT_EQ(f.sink.events(), (std::vector<int>{kNormal, kPartialEnd}));
   EXPECT_TRUE(log.contains(std::to_string(c.from) + " ~ " + std::to_string(c.count)));
@@ -86,6 +83,9 @@ TEST_P(LocalReadTable, DeliversTheChunksThenThePartialEnd) {
   EXPECT_TRUE(log.contains("local start streaming end"));
   bool endsWithEmptyChunk = !c.chunkSizes.empty() && c.chunkSizes.back() == 0;
   EXPECT_EQ(log.count("xxxxxx eof"), endsWithEmptyChunk ? 1 : 0);
+  // The reader stops on its own only when a count is met exactly.
+  bool countMet = c.count != 0 && total == c.count;
+  EXPECT_EQ(log.count("LocalFileRequest break from streaming"), countMet ? 0 : 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -95,32 +95,21 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"OneExactChunk", 16384, 0, 0, {16384, 0}},
         ReadCase{"CountNotAChunkMultipleReadsToEnd", 20000, 0, 10000, {16384, 3616}},
         ReadCase{"CountOfOneChunkStopsAfterIt", 16384, 0, 16384, {16384}},
+        ReadCase{"CountOfOneChunkOnALargerFile", 100000, 0, 16384, {16384}},
         ReadCase{"FromAnOffset", 40000, 7000, 0, {16384, 16384, 232}},
         ReadCase{"FromTheEnd", 40000, 40000, 0, {0}}),
     [](const ::testing::TestParamInfo<ReadCase>& p) { return std::string(p.param.name); });
 
-TEST(LocalFileRequest, CountOfOneChunkOnALargerFileDeliversExactlyOneChunk) {
-  LogCapture log(1);
-  Fixture f(100000);
-  ASSERT_TRUE(f.request->initialize());
-  f.request->setOut(&f.sink);
-  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
-  ASSERT_TRUE(f.ended());
-  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:16384"));
-  EXPECT_EQ(f.sink.sizes(), (std::vector<unsigned long>{16384}));
-  EXPECT_EQ(f.sink.bytes(), pattern(0, 16384));
-  EXPECT_EQ(log.count("LocalFileRequest break from streaming"), 0);
-}
-
 TEST(LocalFileRequest, StartWithoutASinkIsRefused) {
   LogCapture log(1);
   Fixture f(100);
-  ASSERT_TRUE(f.request->initialize());
-  EXPECT_EQ(f.request->startStreaming(1, 0, 0), -1);
+  LocalFileRequest request(f.path);
+  ASSERT_TRUE(request.initialize());
+  EXPECT_EQ(request.startStreaming(1, 0, 0), -1);
   EXPECT_TRUE(log.contains("start streaming at local cause of out is null"));
-  f.request->setOut(&f.sink);
-  f.request->resetOut();
-  EXPECT_EQ(f.request->startStreaming(1, 0, 0), -1);
+  request.setOut(&f.sink);
+  request.resetOut();
+  EXPECT_EQ(request.startStreaming(1, 0, 0), -1);
   EXPECT_EQ(log.count("start streaming at local cause of out is null"), 2);
 }
 
@@ -134,7 +123,7 @@ TEST(LocalFileRequest, InitializeFailsForAMissingFile) {
   EXPECT_FALSE(request.getStopWait());
 }
 
-// A sink that lets chunks through one permit at a time, so that a stop can
+// A sink that lets chunks through one permit at a time, so that a call can
 // be placed between two chunks of a running reader.
 class ThrottledSink : public RecordingSink {
  public:
@@ -147,14 +136,9 @@ class ThrottledSink : public RecordingSink {
     }
     return RecordingSink::streamIn(data, size, version);
   }
-  void grant() {
+  void grant(int permits = 1) {
     std::lock_guard<std::mutex> lock(mutex_);
-    ++permits_;
-    cond_.notify_all();
-  }
-  void grantAll() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    permits_ = 1 << 30;
+    permits_ += permits;
     cond_.notify_all();
   }
   int entered() {
@@ -169,102 +153,85 @@ class ThrottledSink : public RecordingSink {
   int entered_ = 0;
 };
 
+// A reader of 512 chunks started with `version` and held at its first chunk.
+struct ThrottledRun : SourceOf<ThrottledSink> {
+  static constexpr long long kSize = 512 * 16384;
+  explicit ThrottledRun(int version) : SourceOf<ThrottledSink>(kSize) {
+    EXPECT_EQ(request.startStreaming(version, 0, 0), 0);
+    EXPECT_TRUE(waitFor([&] { return sink.entered() == 1; }));
+  }
+  // Runs `action` on its own thread, letting one chunk through at a time
+  // until it returns (it gets the reader's lock between two chunks).
+  void whileGranting(const std::function<void()>& action) {
+    std::atomic<bool> done{false};
+    std::thread t([&] {
+      action();
+      done = true;
+    });
+    while (!done) {
+      int before = sink.entered();
+      sink.grant();
+      waitFor([&] { return done || sink.entered() > before; }, 2000);
+    }
+    t.join();
+  }
+};
+
 TEST(LocalFileRequest, SecondStartWhileReadingIsRefused) {
   LogCapture log(1);
-  TempDir dir;
-  const long long size = 512 * 16384;
-  std::string path = dir.write("f.bin", pattern(0, size));
-  ThrottledSink sink;
-  LocalFileRequest request(path);
-  ASSERT_TRUE(request.initialize());
-  request.setOut(&sink);
-  ASSERT_EQ(request.startStreaming(3, 0, 0), 0);
-  ASSERT_TRUE(waitFor([&] { return sink.entered() == 1; }));
-
-  std::atomic<bool> done{false};
-  std::atomic<int> second{99};
-  std::thread starter([&] {
-    second = request.startStreaming(4, 100, 0);
-    done = true;
-  });
-  while (!done) {
-    int before = sink.entered();
-    sink.grant();
-    waitFor([&] { return done || sink.entered() > before; }, 2000);
-  }
-  starter.join();
+  ThrottledRun run(3);
+  int second = 99;
+  run.whileGranting([&] { second = run.request.startStreaming(4, 100, 0); });
   EXPECT_EQ(second, -1);
   EXPECT_TRUE(log.contains("1"));
   EXPECT_TRUE(log.contains("100 ~ 0"));
-  sink.grantAll();
-  ASSERT_TRUE(waitFor([&] { return sink.events().size() == 2; }));
+  run.sink.grant(1 << 30);
+  ASSERT_TRUE(waitFor([&] { return run.sink.events().size() == 2; }));
   // The first run was undisturbed: all bytes from 0 with version 3.
-  EXPECT_EQ(sink.bytes(), pattern(0, size));
-  for (const RecordedChunk& chunk : sink.chunks()) EXPECT_EQ(chunk.version, 3);
-  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal, kPartialEnd}));
+  EXPECT_EQ(run.sink.bytes(), pattern(0, ThrottledRun::kSize));
+  for (const RecordedChunk& chunk : run.sink.chunks()) EXPECT_EQ(chunk.version, 3);
+  EXPECT_EQ(run.sink.events(), (std::vector<int>{kNormal, kPartialEnd}));
   EXPECT_EQ(log.count("file offset:100"), 0);
 }
 
 TEST(LocalFileRequest, StopEndsARunningReaderWithoutAnEndEvent) {
   LogCapture log(1);
-  TempDir dir;
-  const long long size = 512 * 16384;
-  std::string path = dir.write("f.bin", pattern(0, size));
-  ThrottledSink sink;
-  LocalFileRequest request(path);
-  ASSERT_TRUE(request.initialize());
-  request.setOut(&sink);
-  ASSERT_EQ(request.startStreaming(1, 0, 0), 0);
-  ASSERT_TRUE(waitFor([&] { return sink.entered() == 1; }));
-
-  std::atomic<bool> stopped{false};
-  std::thread stopper([&] {
-    EXPECT_EQ(request.stopStreaming(), 0);
-    stopped = true;
-  });
-  // One chunk at a time until the stop gets the lock between two chunks.
-  while (!stopped) {
-    int before = sink.entered();
-    sink.grant();
-    waitFor([&] { return stopped || sink.entered() > before; }, 2000);
-  }
-  stopper.join();
-  size_t atStop = sink.chunks().size();
-  sink.grantAll();
+  ThrottledRun run(1);
+  run.whileGranting([&] { EXPECT_EQ(run.request.stopStreaming(), 0); });
+  size_t atStop = run.sink.chunks().size();
+  run.sink.grant(1 << 30);
   ASSERT_TRUE(log.waitFor("LocalFileRequest break from streaming"));
   ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" +
                           std::to_string(16384 * atStop)));
-  EXPECT_LT(atStop * 16384, static_cast<size_t>(size));
-  EXPECT_EQ(sink.chunks().size(), atStop);
-  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal}));
-  EXPECT_EQ(sink.bytes(), pattern(0, static_cast<long long>(atStop) * 16384));
+  EXPECT_LT(atStop * 16384, static_cast<size_t>(ThrottledRun::kSize));
+  EXPECT_EQ(run.sink.chunks().size(), atStop);
+  EXPECT_EQ(run.sink.events(), (std::vector<int>{kNormal}));
+  EXPECT_EQ(run.sink.bytes(), pattern(0, static_cast<long long>(atStop) * 16384));
   EXPECT_TRUE(log.contains("begin to stop LocalFile streaming"));
   EXPECT_TRUE(log.contains(" stop LocalFile streaming OK"));
   EXPECT_TRUE(log.contains("file relsease end"));
 
   // A start right after the stop reopens the file at the new offset.
-  ASSERT_EQ(request.startStreaming(2, size - 20000, 0), 0);
-  EXPECT_TRUE(log.contains("file offset:" + std::to_string(size - 20000)));
-  ASSERT_TRUE(waitFor([&] { return sink.events().size() == 3; }));
-  std::vector<RecordedChunk> chunks = sink.chunks();
+  const long long from = ThrottledRun::kSize - 20000;
+  ASSERT_EQ(run.request.startStreaming(2, from, 0), 0);
+  EXPECT_TRUE(log.contains("file offset:" + std::to_string(from)));
+  ASSERT_TRUE(waitFor([&] { return run.sink.events().size() == 3; }));
+  std::vector<RecordedChunk> chunks = run.sink.chunks();
   std::string after;
   for (size_t i = atStop; i < chunks.size(); ++i) {
     EXPECT_EQ(chunks[i].version, 2);
     after += chunks[i].bytes;
   }
-  EXPECT_EQ(after, pattern(size - 20000, 20000));
-  EXPECT_EQ(sink.events(), (std::vector<int>{kNormal, kNormal, kPartialEnd}));
+  EXPECT_EQ(after, pattern(from, 20000));
+  EXPECT_EQ(run.sink.events(), (std::vector<int>{kNormal, kNormal, kPartialEnd}));
 }
 
 TEST(LocalFileRequest, StopAfterAnEndedRunThenStartReopensWithTheNewVersion) {
-  LogCapture log(1);
   Fixture f(100000);
-  ASSERT_TRUE(f.request->initialize());
-  f.request->setOut(&f.sink);
-  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
+  ASSERT_EQ(f.request.startStreaming(1, 0, 16384), 0);
   ASSERT_TRUE(f.ended());
-  EXPECT_EQ(f.request->stopStreaming(), 0);
-  ASSERT_EQ(f.request->startStreaming(7, 90000, 0), 0);
+  EXPECT_EQ(f.request.stopStreaming(), 0);
+  ASSERT_EQ(f.request.startStreaming(7, 90000, 0), 0);
   ASSERT_TRUE(f.ended(2));
   std::vector<RecordedChunk> chunks = f.sink.chunks();
   ASSERT_EQ(chunks.size(), 2u);
@@ -276,10 +243,8 @@ TEST(LocalFileRequest, StopAfterAnEndedRunThenStartReopensWithTheNewVersion) {
 TEST(LocalFileRequest, RefusedChunkEndsTheRunSilently) {
   LogCapture log(1);
   Fixture f(100000);
-  ASSERT_TRUE(f.request->initialize());
   f.sink.refuseAfter(2);
-  f.request->setOut(&f.sink);
-  ASSERT_EQ(f.request->startStreaming(1, 0, 0), 0);
+  ASSERT_EQ(f.request.startStreaming(1, 0, 0), 0);
   ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:32768"));
   EXPECT_TRUE(log.contains("write to buffer failed"));
   EXPECT_EQ(f.sink.refused(), 1);
@@ -290,39 +255,31 @@ TEST(LocalFileRequest, RefusedChunkEndsTheRunSilently) {
 TEST(LocalFileRequest, FileThatCannotBeReopenedAfterStopDeliversNothing) {
   LogCapture log(0);
   Fixture f(100000);
-  ASSERT_TRUE(f.request->initialize());
-  f.request->setOut(&f.sink);
-  ASSERT_EQ(f.request->startStreaming(1, 0, 16384), 0);
+  ASSERT_EQ(f.request.startStreaming(1, 0, 16384), 0);
   ASSERT_TRUE(f.ended());
-  ASSERT_TRUE(waitFor([&] { return f.request->stopStreaming() == 0; }));
+  ASSERT_TRUE(waitFor([&] { return f.request.stopStreaming() == 0; }));
   ASSERT_EQ(std::remove(f.path.c_str()), 0);
   f.sink.clear();
-
-  EXPECT_EQ(f.request->startStreaming(2, 0, 0), 0);
+  EXPECT_EQ(f.request.startStreaming(2, 0, 0), 0);
   EXPECT_TRUE(log.contains("Open file fail"));
-  EXPECT_TRUE(testsupport::staysFalse(
-      [&] { return !f.sink.chunks().empty() || !f.sink.events().empty(); }, 200));
+  EXPECT_TRUE(staysFalse([&] { return f.sink.chunks().size() + f.sink.events().size() > 0; }, 200));
 }
 
 TEST(LocalFileRequest, LogThresholds) {
-  TempDir dir;
-  std::string path = dir.write("f.bin", "");
   struct Line {
     const char* text;
     int threshold;
   };
   for (const Line& line : {Line{"xxxxxx eof", 0}, Line{"local start streaming end", 1},
                            Line{"file offset:0", 0}, Line{"FileRequest construction", 1}}) {
-    std::string failure = testsupport::checkThreshold(line.text, line.threshold, [&] {
-      RecordingSink sink;
-      LocalFileRequest request(path);
-      ASSERT_TRUE(request.initialize());
-      request.setOut(&sink);
-      ASSERT_EQ(request.startStreaming(1, 0, 0), 0);
-      ASSERT_TRUE(waitFor([&] { return sink.events().size() == 2; }));
+    std::string failure = checkThreshold(line.text, line.threshold, [&] {
+      Fixture f(0);
+      ASSERT_EQ(f.request.startStreaming(1, 0, 0), 0);
+      ASSERT_TRUE(waitFor([&] { return f.sink.events().size() == 2; }));
     });
     EXPECT_EQ(failure, "") << line.text;
   }
 }
 
 }  // namespace
+}  // namespace testsupport
