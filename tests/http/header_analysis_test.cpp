@@ -173,17 +173,6 @@ TEST(ContentRangeSize, TwoSpellingsAndAtol) {
   }
 }
 
-TEST(ContentRangeSize, FromARealContentRangeOnlyAnswer) {
-  Script s = sized(777777);
-  s.contentLength = false;
-  ScriptedHttpServer server(s);
-  Transfer t;
-  ASSERT_EQ(t.get(server.url(), 700000), 0);
-  EXPECT_EQ(t.requestor.received(), 77777);
-  EXPECT_EQ(t.method.getSizeFromResponseRange(), 777777);
-  EXPECT_FALSE(t.method.checkFromContentLength());
-}
-
 TEST(ServerName, TrailingBlanksAreTrimmedAndTheNameIsKept) {
   Script s = sized(100);
   s.serverHeader = "CorvaneTest/1.0 \t  ";
