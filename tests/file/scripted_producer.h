@@ -51,7 +51,7 @@ class ScriptedProducer : public FileRequest {
   // own (bounded, so a test that never lets it speak still ends).
   int startStreaming(int version, long long from, long long count) override {
     if (!silent_) return inner_.startStreaming(version, from, count);
-    joinWaiter();
+    stopWaiter();  // a new connection replaces one still waiting
     std::lock_guard<std::mutex> lock(gateMutex_);
     stop_ = false;
     waiter_ = std::thread([this, version, from, count] {
@@ -64,12 +64,7 @@ class ScriptedProducer : public FileRequest {
     return 0;
   }
   int stopStreaming() override {
-    {
-      std::lock_guard<std::mutex> lock(gateMutex_);
-      stop_ = true;
-      gateCond_.notify_all();
-    }
-    joinWaiter();
+    stopWaiter();
     return inner_.stopStreaming();
   }
   bool isRandomAccess() override { return inner_.isRandomAccess(); }
@@ -86,10 +81,12 @@ class ScriptedProducer : public FileRequest {
     spoken_ = spoken;
     gateCond_.notify_all();
   }
-  void joinWaiter() {
+  void stopWaiter() {
     std::thread waiter;
     {
       std::lock_guard<std::mutex> lock(gateMutex_);
+      stop_ = true;
+      gateCond_.notify_all();
       waiter.swap(waiter_);
     }
     if (waiter.joinable()) waiter.join();
