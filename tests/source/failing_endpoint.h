@@ -1,5 +1,6 @@
-// A location whose transfer fails: a scripted error status on the loopback
-// server, a host name that never resolves, or a loopback port that refuses.
+// Faulty servers for source tests: a location whose transfer fails (a
+// scripted error status, a host name that never resolves, a loopback port
+// that refuses) and a server that stalls part-way.
 #ifndef CORVANE_TESTS_SOURCE_FAILING_ENDPOINT_H_
 #define CORVANE_TESTS_SOURCE_FAILING_ENDPOINT_H_
 
@@ -16,6 +17,15 @@ inline Script failingWith(int status) {
   Script s;
   s.status = status;
   s.body = "no such thing";
+  return s;
+}
+
+// `size` pattern bytes, with `stallMs` of silence after the first `bytes`.
+inline Script stallingAfter(long long bytes, int stallMs, long long size) {
+  Script s;
+  s.size = size;
+  s.stallAfter = bytes;
+  s.stallMs = stallMs;
   return s;
 }
 

@@ -217,11 +217,7 @@ class InterruptedTransfer : public ::testing::TestWithParam<InterruptCase> {};
 
 TEST_P(InterruptedTransfer, EndsWithItsEventAndDisconnected) {
   const InterruptCase& c = GetParam();
-  Script s;
-  s.size = 4 << 20;
-  s.stallAfter = 65536;
-  s.stallMs = 20000;
-  ScriptedHttpServer server(s);
+  ScriptedHttpServer server(stallingAfter(65536, 20000, 4 << 20));
   Source source(server.url());
   LogCapture log(0);
   std::atomic<bool> returned{false};

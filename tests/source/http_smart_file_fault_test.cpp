@@ -78,10 +78,7 @@ INSTANTIATE_TEST_SUITE_P(
 // With feature flag 1 every stall is cut after about four seconds and the
 // next connection goes on from the bytes held.
 TEST(HttpFaults, StallsAreCutAfterFourSecondsWithFeatureFlagOne) {
-  Script s;
-  s.size = 1 << 20;
-  s.stallAfter = 400 << 10;
-  s.stallMs = 60000;
+  Script s = stallingAfter(400 << 10, 60000, 1 << 20);
   ScriptedHttpServer server(s);
   LogCapture log(-4);
   Handle h(server.url());
@@ -151,11 +148,7 @@ TEST(HttpFaults, SilentServerFailsTheReadAfterTheFirstByteLimit) {
 }
 
 TEST(HttpFaults, CloseReturnsAReadBlockedOnAStalledServer) {
-  Script s;
-  s.size = 4 << 20;
-  s.stallAfter = 65536;
-  s.stallMs = 60000;
-  ScriptedHttpServer server(s);
+  ScriptedHttpServer server(stallingAfter(65536, 60000, 4 << 20));
   Handle h(server.url());
   ASSERT_EQ(h.opened, SMFR_OK);
   const int id = h.id;

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "corvane/smart_file.h"
+#include "support/read_bytes.h"
 #include "support/scripted_http_server.h"
 
 namespace testsupport {
@@ -28,22 +29,6 @@ class Handle {
   int id = -1;
   int opened = -1;
 };
-
-// Reads `size` bytes at the current position in pieces of `piece`; the
-// bytes got, stopping at the first failure or end (its code in *code).
-inline std::string readBytes(int handle, long long size, int piece, int* code) {
-  std::string out;
-  std::vector<char> buf(static_cast<size_t>(piece));
-  *code = 0;
-  while (static_cast<long long>(out.size()) < size) {
-    unsigned long got = 0;
-    int n = static_cast<int>(std::min<long long>(piece, size - static_cast<long long>(out.size())));
-    *code = x_smart_file_read(handle, buf.data(), n, &got);
-    out.append(buf.data(), got);
-    if (*code != 0 || got == 0) break;
-  }
-  return out;
-}
 
 // The whole content in order, then end of content.
 inline void expectSequentialRead(const std::string& url, long long size) {
