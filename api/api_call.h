@@ -5,10 +5,11 @@
 // Most calls act on the live SmartFile of their handle: withFile does the
 // range check and the lookup under the API lock (releasing the lock before
 // the body runs) and answers the failure value for a handle that is not
-// open. Both run on the caller's thread and take no lock of their own.
+// open. Both run on the caller's thread; the API lock is the only lock they
+// take, and never while the body runs.
 //
-// A log line a function writes before its lookup may stand outside these
-// frames: logging is a plain C call and cannot throw.
+// A range check or a log line a function runs before its lookup may stand
+// outside these frames: a compare and a plain C call cannot throw.
 #ifndef CORVANE_API_API_CALL_H_
 #define CORVANE_API_API_CALL_H_
 
