@@ -45,6 +45,18 @@ long long BufferQueue::startOfMissing(long long from, BlockIt* block) {
       }
     }
     if (found == blocks_.end()) {
+      // A run ending with a full block is continued from that block: the
+      // first chunk then takes the next block the way a running connection
+      // does, waiting for the reader if every block holds unread data.
+      // Recycling a block here instead could throw away the very bytes the
+      // reader is about to read.
+      for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
+        BufferBlock* b = *it;
+        if (!b->isUnused() && b->sizeOfFree() == 0 && b->endSeqNum() == pos) {
+          *block = it;
+          return pos;
+        }
+      }
       *block = blocks_.end();
       return alignLeft(pos);
     }
@@ -85,14 +97,18 @@ long long BufferQueue::prepareWriteHead(long long from) {
   if (victim == blocks_.end()) {
     // Any block but the reader's qualifies, even one holding the reader's
     // own offset (rdTail may not have caught up with it yet): with two
-    // blocks that is the only other one.
+    // blocks that is the only other one. Blocks the reader has still to read
+    // on its way to `start` go last, farthest first among equals.
+    bool bestAhead = true;
     long long farthest = LLONG_MIN;
     for (BlockIt it = blocks_.begin(); it != blocks_.end(); ++it) {
       if (it == rdTail_) continue;
       BufferBlock* b = *it;
+      bool ahead = b->endSeqNum() > reader && b->getBeginningSeqNum() < start;
       long long distance = b->getBeginningSeqNum() > reader ? b->getBeginningSeqNum() - reader
                                                             : reader - b->endSeqNum();
-      if (distance > farthest) {
+      if ((bestAhead && !ahead) || (ahead == bestAhead && distance > farthest)) {
+        bestAhead = ahead;
         farthest = distance;
         victim = it;
       }

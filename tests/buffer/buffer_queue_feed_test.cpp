@@ -46,6 +46,45 @@ TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
   queue.release();
 }
 
+// A connection that ends exactly at a block's end while every block holds
+// data the reader has not read yet: the next one starts right there and
+// its first chunk waits for the reader to free a block. Giving up one of the
+// unread blocks instead would make the reader fetch those bytes again.
+TEST(BufferQueueFeed, PartialEndOnAFullBufferKeepsTheUnreadBlocks) {
+  testsupport::LogCapture log(0);
+  ScriptedProducer producer(1 << 20, true);
+  BufferQueue queue(4 * 32768);
+  queue.initialize(&producer);
+  producer.setOut(&queue);
+  const long long end = 4 * 32768;
+  std::vector<char> buffer(end + 40000);
+  unsigned long got = 0;
+  int result = 1;
+  std::thread first([&] { result = queue.read(buffer.data(), 1, &got); });
+  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
+  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(producer.deliver(0, end, 0));
+  first.join();
+  ASSERT_EQ(0, result);
+  queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
+  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 2; }));
+  EXPECT_EQ(end, producer.starts()[1].from);
+  EXPECT_EQ(1, producer.starts()[1].version);
+  bool delivered = false;
+  std::thread writer([&] { delivered = producer.deliver(end, 40000, 1); });
+  unsigned long rest = 0;
+  EXPECT_EQ(0, queue.read(buffer.data() + 1, buffer.size() - 1, &rest));
+  writer.join();
+  EXPECT_TRUE(delivered);
+  ASSERT_EQ(buffer.size() - 1, rest);
+  for (unsigned long i = 0; i < buffer.size(); ++i) {
+    ASSERT_EQ(testsupport::patternByte(static_cast<long long>(i)),
+              static_cast<unsigned char>(buffer[i]));
+  }
+  EXPECT_EQ(2u, producer.startCount());
+  queue.release();
+}
+
 TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
   testsupport::LogCapture log(0);
   ScriptedProducer producer(1000, true);
