@@ -12,11 +12,17 @@ namespace {
 
 std::mutex gMutex;
 std::vector<LogLine>* gLines = nullptr;
+std::function<void(const std::string&)> gHook;
 
 void captureLogger(const struct __android_logger_data* data, const char* message) {
-  std::lock_guard<std::mutex> lock(gMutex);
-  if (gLines == nullptr) return;
-  gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
+  std::function<void(const std::string&)> hook;
+  {
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (gLines == nullptr) return;
+    gLines->push_back(LogLine{data->priority, data->tag ? data->tag : "", message ? message : ""});
+    hook = gHook;
+  }
+  if (hook) hook(message ? message : "");
 }
 
 }  // namespace
@@ -36,6 +42,7 @@ LogCapture::~LogCapture() {
   util::LOG_LEV = savedLevel_;
   std::lock_guard<std::mutex> lock(gMutex);
   // Lines from threads still running go nowhere once the capture ends.
+  gHook = nullptr;
   gLines->clear();
   delete gLines;
   gLines = nullptr;
@@ -62,6 +69,11 @@ int LogCapture::countPrefix(const std::string& prefix) const {
   int n = 0;
   for (const LogLine& line : lines()) n += line.text.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
   return n;
+}
+
+void LogCapture::onLine(std::function<void(const std::string&)> hook) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHook = std::move(hook);
 }
 
 int LogCapture::countContaining(const std::string& part) const {

@@ -35,6 +35,10 @@ class LogCapture {
   // Waits until `text` has been logged at least `times` times.
   bool waitFor(const std::string& text, int times = 1, int timeoutMs = 5000) const;
   void clear();
+  // Runs `hook` on the logging thread with each line, after recording it
+  // and outside the capture's lock, so a test can act at a given point of a
+  // run. Cleared when the capture ends.
+  void onLine(std::function<void(const std::string&)> hook);
 
  private:
   int savedLevel_;
