@@ -2,12 +2,8 @@
 // sink: size and seekability from the first answer, delivery from the
 // requested offset, and the end of each transfer as a stream event and a
 // download status.
-#include <android/log.h>
-
 #include <atomic>
 #include <chrono>
-#include <functional>
-#include <mutex>
 #include <ostream>
 #include <string>
 #include <thread>
@@ -15,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "diag/log.h"
 #include "source/failing_endpoint.h"
 #include "source/http_file_request.h"
 #include "source/recording_sink.h"
@@ -256,45 +251,6 @@ INSTANTIATE_TEST_SUITE_P(
         InterruptCase{"BreakThenSilence", false, util::EVENT_STREAM_DEAD, "connection is dead"}),
     [](const ::testing::TestParamInfo<InterruptCase>& p) { return p.param.name; });
 
-// Runs `hook` on the logging thread for every line the library prints while
-// it is installed (LogCapture cannot act at a given point of a transfer).
-class LogHook {
- public:
-  explicit LogHook(std::function<void(const std::string&)> hook) : savedLevel_(util::LOG_LEV) {
-    {
-      std::lock_guard<std::mutex> lock(mutex());
-      current() = std::move(hook);
-    }
-    __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
-    __android_log_set_logger(&LogHook::logger);
-    util::LOG_LEV = 1;
-  }
-  ~LogHook() {
-    util::LOG_LEV = savedLevel_;
-    std::lock_guard<std::mutex> lock(mutex());
-    current() = nullptr;
-  }
-
- private:
-  static std::mutex& mutex() {
-    static std::mutex m;
-    return m;
-  }
-  static std::function<void(const std::string&)>& current() {
-    static std::function<void(const std::string&)> f;
-    return f;
-  }
-  static void logger(const struct __android_logger_data*, const char* message) {
-    std::function<void(const std::string&)> f;
-    {
-      std::lock_guard<std::mutex> lock(mutex());
-      f = current();
-    }
-    if (f) f(message != nullptr ? message : "");
-  }
-  int savedLevel_;
-};
-
 // A stop that comes after the source decided to transfer but before libcurl
 // began must still end that transfer at once, not wait for a silent server.
 // Each case stops at a line the transfer thread prints in that stretch.
@@ -328,7 +284,8 @@ TEST_P(EarlyStop, EndsTheTransferBeforeItBegins) {
   std::atomic<bool> performBegan{false};
   std::thread stopper;
   bool fired = false;  // transfer thread only
-  LogHook hook([&](const std::string& line) {
+  LogCapture log(1);
+  log.onLine([&](const std::string& line) {
     if (line == "MethodRequest begin to stop End") stopPassedMethod = true;
     if (line.find("PFFFF begin to perform") != std::string::npos) performBegan = true;
     if (line != c.stopAt || fired) return;
