@@ -25,6 +25,18 @@ constexpr char const* kOptionLogLines[kHttpOptionCount] = {
     "set Key Type:%s",
 };
 
+// The end of a failure the broadcaster of feature flag 1 retries: with the
+// flag, `gjzLine` and the retriable `gjzEvent`; without it, `otherLine`
+// (when given) and the final not-found event.
+int retriedUnderGJZ(bool gjz, char const* gjzLine, int gjzEvent, char const* otherLine) {
+  if (gjz) {
+    CV_LOG(0, "%s", gjzLine);
+    return gjzEvent;
+  }
+  if (otherLine != nullptr) CV_LOG(0, "%s", otherLine);
+  return util::EVENT_STREAM_NOT_FOUND;
+}
+
 }  // namespace
 
 HttpFileRequest::HttpFileRequest(std::string const& location) : FileRequest(location) {}
@@ -137,12 +149,8 @@ int HttpFileRequest::eventForResult(int result) {
       return util::EVENT_STREAM_PARTIAL_END;
     case kTransferHostUnresolved:
       downloadStatus.store(DOWNLOAD_DNS_UNABLE_RESOLVED, std::memory_order_relaxed);
-      if (gjz) {
-        CV_LOG(0, "GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED");
-        return util::EVENT_STREAM_ERROR;
-      }
-      CV_LOG(0, "NO GJZ CASE, couldn't resolve host");
-      return util::EVENT_STREAM_NOT_FOUND;
+      return retriedUnderGJZ(gjz, "GJZ Case DOWNLOAD_DNS_UNABLE_RESOLVED",
+                             util::EVENT_STREAM_ERROR, "NO GJZ CASE, couldn't resolve host");
     case kTransferConnectFailed: {
       long socketError = method.getErrno();
       if (socketError == kSocketHostUnreachable) {
@@ -171,11 +179,8 @@ int HttpFileRequest::eventForResult(int result) {
       return util::EVENT_STREAM_DEAD;
     case kTransferStalled:
       downloadStatus.store(DOWNLOAD_NOT_REVEIVE_DATA, std::memory_order_relaxed);
-      if (gjz) {
-        CV_LOG(0, "GJZ Case DOWNLOAD_NOT_REVEIVE_DATA");
-        return util::EVENT_STREAM_TIMEOUT;
-      }
-      return util::EVENT_STREAM_NOT_FOUND;
+      return retriedUnderGJZ(gjz, "GJZ Case DOWNLOAD_NOT_REVEIVE_DATA", util::EVENT_STREAM_TIMEOUT,
+                             nullptr);
     default:
       CV_LOG(0, "HttpFileRequest error:%d ", result);
       return util::EVENT_STREAM_ERROR;
