@@ -1,5 +1,10 @@
 #include "source/local_file_request.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
 
 #include "diag/log.h"
@@ -20,20 +25,22 @@ LocalFileRequest::~LocalFileRequest() {
   }
 }
 
+LocalFileRequest::File::~File() {
+  if (fd >= 0) ::close(fd);
+}
+
 bool LocalFileRequest::openStream() {
-  stream.clear();
-  stream.open(location, std::ios::in);
-  return !(stream.fail() || stream.bad());
+  file.fd = ::open(location.c_str(), O_RDONLY | O_CLOEXEC);
+  return file.fd >= 0;
 }
 
 bool LocalFileRequest::initialize() {
   util::SyncGuard guard(*this);
-  if (!stream.is_open() && !openStream()) return false;
-  stream.seekg(0, std::ios::end);
-  long long size = static_cast<long long>(stream.tellg());
+  if (file.fd < 0 && !openStream()) return false;
+  struct stat st;
+  long long size = ::fstat(file.fd, &st) == 0 ? static_cast<long long>(st.st_size) : 0;
   if (size < 0) size = 0;
   fileSize = size;
-  stream.seekg(0, std::ios::beg);
   CV_LOG(1, "xxxxx file size:%d", static_cast<int>(size));
   return true;
 }
@@ -57,10 +64,8 @@ int LocalFileRequest::startStreaming(int ver, long long from, long long cnt) {
     CV_LOG(1, "1");
     return -1;
   }
-  if (stopped) {
-    if (stream.is_open()) {
-      stream.clear();
-    } else if (!openStream()) {
+  if (stopped && file.fd < 0) {
+    if (!openStream()) {
       util::SyncUnguard unguard(*this);
       CV_LOG(0, "Open file fail");
       // Reported as started on purpose: the queue's monitor notices that
@@ -69,10 +74,16 @@ int LocalFileRequest::startStreaming(int ver, long long from, long long cnt) {
     }
   }
   out->notifyStreamException(util::EVENT_STREAM_NORMAL);
-  stream.clear();
-  stream.seekg(from, std::ios::beg);
+  // A new run reads from `from` afresh: bytes read ahead by an earlier run
+  // are dropped.
+  filePos = from;
+  ahead = nullptr;
+  aheadLen = 0;
+  aheadInRoom = false;
+  fileEnd = false;
+  atEof = false;
   version = ver;
-  CV_LOG(0, "file offset:%d", static_cast<int>(static_cast<long long>(stream.tellg())));
+  CV_LOG(0, "file offset:%d", static_cast<int>(file.fd >= 0 ? from : -1));
   stopped = false;
   reading = true;
   ++startsRequested;
@@ -103,23 +114,69 @@ void LocalFileRequest::release() {
 
 void LocalFileRequest::closeStream() {
   CV_LOG(1, "file relsease begin");
-  if (stream.is_open()) stream.close();
+  if (file.fd >= 0) {
+    ::close(file.fd);
+    file.fd = -1;
+  }
   CV_LOG(1, "file relsease end");
+}
+
+unsigned long LocalFileRequest::readFile(char* place, unsigned long size, long long at) {
+  unsigned long got = 0;
+  while (got < size) {
+    ssize_t n = ::pread(file.fd, place + got, size - got, static_cast<off_t>(at) + got);
+    if (n < 0 && errno == EINTR) continue;
+    // An error (a directory, a negative start, an I/O error) ends the
+    // file here rather than delivering empty chunks forever.
+    if (n <= 0) break;
+    got += static_cast<unsigned long>(n);
+  }
+  return got;
 }
 
 int LocalFileRequest::read(char* buffer, unsigned long size, int ver) {
   util::SyncGuard guard(*this);
-  if (stopped || !stream.is_open() || stream.eof()) return -1;
-  // Straight into the queue's write block when it offers room, sparing one
-  // copy of every chunk; else through the thread's own chunk buffer.
-  char* place = buffer;
-  if (out != nullptr) {
-    if (void* room = out->directRoom(size, ver)) place = static_cast<char*>(room);
+  if (stopped || file.fd < 0 || atEof) return -1;
+  if (aheadLen == 0 && !fileEnd) {
+    // Straight into the queue's write block when it offers room, sparing one
+    // copy of every chunk: two chunks when it has room for both, else one;
+    // else two into the thread's own buffer.
+    void* room = nullptr;
+    unsigned long want = 2 * size;
+    if (out != nullptr) {
+      room = out->directRoom(want, ver);
+      if (room == nullptr) {
+        want = size;
+        room = out->directRoom(want, ver);
+        if (room == nullptr) want = 2 * size;
+      }
+    }
+    ahead = room != nullptr ? static_cast<char*>(room) : buffer;
+    aheadInRoom = room != nullptr;
+    aheadLen = readFile(ahead, want, filePos);
+    filePos += static_cast<long long>(aheadLen);
+    fileEnd = aheadLen < want;
+  } else if (aheadLen > 0 && aheadInRoom) {
+    // The second chunk of a double read lies right after the first in the
+    // write block: handed over in place when the queue offers that very
+    // room. Otherwise its write point moved (a restart or refusal came in
+    // between) and may have been written over: read again from the file.
+    unsigned long next = aheadLen < size ? aheadLen : size;
+    void* room = out != nullptr ? out->directRoom(next, ver) : nullptr;
+    if (room != ahead) {
+      aheadLen = readFile(buffer, aheadLen, filePos - static_cast<long long>(aheadLen));
+      ahead = buffer;
+      aheadInRoom = false;
+    }
   }
-  stream.read(place, static_cast<std::streamsize>(size));
-  unsigned long got = static_cast<unsigned long>(stream.gcount());
+  unsigned long got = aheadLen < size ? aheadLen : size;
+  // Short only at the end of the file, which the next call then reports.
+  if (got < size) atEof = true;
+  char* place = got > 0 ? ahead : buffer;
+  ahead += got;
+  aheadLen -= got;
   if (out != nullptr && out->streamIn(place, got, ver)) {
-    if (got == 0 && stream.eof()) {
+    if (got == 0 && atEof) {
       CV_LOG(0, "xxxxxx eof");
       return -1;
     }
@@ -143,7 +200,7 @@ void LocalFileRequest::notifyPerformEnd() {
 
 void* LocalFileRequest::perform(void* arg) {
   LocalFileRequest* self = static_cast<LocalFileRequest*>(arg);
-  char buffer[kChunkSize];
+  char buffer[2 * kChunkSize];
   std::memset(buffer, 0, sizeof(buffer));
   long long wanted;
   int ver;

@@ -1,15 +1,19 @@
 // LocalFileRequest: the producer of a file of the local file system. A
-// restartable reader thread (`thread`, routine perform) reads 16384-byte
-// chunks from `from` and pushes each into the sink with the generation
-// number of its start. A chunk is read straight into the sink's write block
-// when the sink offers room for it (directRoom), else into the thread's own
-// buffer.
+// restartable reader thread (`thread`, routine perform) pushes the file from
+// `from` into the sink in 16384-byte chunks, each with the generation number
+// of its start. The file is read two chunks at a time (one system call per
+// 32 KiB: on a page-cached file the call, not the copy, is most of a 16 KiB
+// read's cost), straight into the sink's write block when the sink offers
+// room for both (directRoom), else into the thread's own buffer; the second
+// chunk is handed over in place when the sink offers the room it already
+// lies in, else copied out first.
 //
 // Owned by a DullFile. Called by the queue's worker, reconnection task or
 // monitor (start/stop), by its own reader thread (read), and by the closing
 // thread (release, destruction). The object's own lock (its Semaphore base)
-// guards stream, count, version and the start/stop state, and is held across
-// each chunk's streamIn call, so a stop waits for the chunk in progress.
+// guards the file, count, version, the read-ahead and the start/stop state,
+// and is held across each chunk's streamIn call, so a stop waits for the
+// chunk in progress.
 // `stopped`, `reading` and `fileSize` are also read without the lock (the
 // end-of-run event, the size query), hence atomics.
 #ifndef CORVANE_SOURCE_LOCAL_FILE_REQUEST_H_
@@ -18,7 +22,6 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <fstream>
 #include <string>
 
 #include "source/file_request.h"
@@ -47,6 +50,7 @@ class LocalFileRequest : public FileRequest, public util::Semaphore {
 
   // One chunk of at most `size` bytes into the sink: the byte count, or -1
   // when the run must end (stop requested, end of file, chunk refused).
+  // `buffer` holds 2 * size bytes: the thread's own place for a read.
   int read(char* buffer, unsigned long size, int version);
   // The partial-end event, unless the run was stopped or refused.
   void notifyPerformEnd();
@@ -56,8 +60,27 @@ class LocalFileRequest : public FileRequest, public util::Semaphore {
  private:
   bool openStream();   // REQUIRES: lock held
   void closeStream();  // REQUIRES: lock held; release() without taking it
+  // Reads up to `size` bytes at file offset `at` into `place`, for as long
+  // as the file gives bytes; fewer only at the end of the file (or on an
+  // error, taken as the end). REQUIRES: lock held.
+  unsigned long readFile(char* place, unsigned long size, long long at);
 
-  std::ifstream stream;
+  // The open file; closed with the object, after the reader thread (the
+  // thread object is destroyed first) has left.
+  struct File {
+    int fd = -1;
+    ~File();
+  };
+
+  File file;
+  long long filePos = 0;    // file offset of the next byte read from the file
+  // Bytes read from the file and not yet delivered: aheadLen bytes at ahead,
+  // in the sink's room (aheadInRoom) or in the reader thread's buffer.
+  char* ahead = nullptr;
+  unsigned long aheadLen = 0;
+  bool aheadInRoom = false;
+  bool fileEnd = false;     // the file gave fewer bytes than asked: no more
+  bool atEof = false;       // a chunk came out short of the file's end
   util::ThreadObject thread;
   long long count;
   std::atomic<long long> fileSize;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -99,6 +100,107 @@ INSTANTIATE_TEST_SUITE_P(
         ReadCase{"FromAnOffset", 40000, 7000, 0, {16384, 16384, 232}},
         ReadCase{"FromTheEnd", 40000, 40000, 0, {0}}),
     [](const ::testing::TestParamInfo<ReadCase>& p) { return std::string(p.param.name); });
+
+// A sink offering rooms for direct reads the way the buffer queue does: one
+// 32768-byte block, a room only where the free part of the block holds the
+// size asked, the next room right after the last chunk, a fresh block once
+// it is full. A chunk handed over in its room is taken in place; any other
+// is copied to the write point. With `moveAfterInPlace` the write point
+// goes back to the block's start after every chunk taken in place and the
+// rest of the block is written over, as a restart between two chunks does.
+class RoomSink : public RecordingSink {
+ public:
+  static constexpr unsigned long kBlock = 32768;
+
+  void* directRoom(unsigned long size, int version) override {
+    (void)version;
+    std::lock_guard<std::mutex> lock(roomMutex_);
+    lastRoom_ = nullptr;
+    if (used_ == kBlock) used_ = 0;
+    if (kBlock - used_ < size || size > largestRoom) return nullptr;
+    lastRoom_ = block_ + used_;
+    return lastRoom_;
+  }
+  bool streamIn(void* data, unsigned long size, int version) override {
+    if (!RecordingSink::streamIn(data, size, version)) return false;
+    std::lock_guard<std::mutex> lock(roomMutex_);
+    if (used_ == kBlock) used_ = 0;
+    if (data == lastRoom_ && size > 0) {
+      ++inPlace_;
+      used_ += size;
+      if (moveAfterInPlace && used_ < kBlock) {
+        std::memset(block_ + used_, 0xee, kBlock - used_);
+        used_ = 0;
+      }
+    } else if (size > 0) {
+      std::memcpy(block_ + used_, data, size);
+      used_ += size;
+    }
+    lastRoom_ = nullptr;
+    return true;
+  }
+  int inPlace() const {
+    std::lock_guard<std::mutex> lock(roomMutex_);
+    return inPlace_;
+  }
+
+  unsigned long largestRoom = kBlock;
+  bool moveAfterInPlace = false;
+
+ private:
+  mutable std::mutex roomMutex_;
+  char block_[kBlock] = {};
+  unsigned long used_ = 0;
+  char* lastRoom_ = nullptr;
+  int inPlace_ = 0;
+};
+
+struct RoomCase {
+  const char* name;
+  unsigned long largestRoom;
+  bool moveAfterInPlace;
+  long long fileSize;
+  long long from;
+  std::vector<unsigned long> chunkSizes;
+  int inPlace;  // chunks the sink took where they were read
+};
+
+class LocalRoomTable : public ::testing::TestWithParam<RoomCase> {};
+
+// Whatever rooms the sink offers, the chunks and their bytes are those of a
+// reader without rooms.
+TEST_P(LocalRoomTable, ChunksAndBytesDoNotDependOnTheRooms) {
+  const RoomCase& c = GetParam();
+  LogCapture log(1);
+  SourceOf<RoomSink> f(c.fileSize);
+  f.sink.largestRoom = c.largestRoom;
+  f.sink.moveAfterInPlace = c.moveAfterInPlace;
+  ASSERT_EQ(f.request.startStreaming(2, c.from, 0), 0);
+  ASSERT_TRUE(f.ended());
+  ASSERT_TRUE(log.waitFor("LocalFileRequest::perform finished, count:" +
+                          std::to_string(c.fileSize - c.from)));
+  EXPECT_EQ(f.sink.sizes(), c.chunkSizes);
+  EXPECT_EQ(f.sink.bytes(), pattern(c.from, c.fileSize - c.from));
+  EXPECT_EQ(f.sink.inPlace(), c.inPlace);
+  bool endsWithEmptyChunk = !c.chunkSizes.empty() && c.chunkSizes.back() == 0;
+  EXPECT_EQ(log.count("xxxxxx eof"), endsWithEmptyChunk ? 1 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rooms, LocalRoomTable,
+    ::testing::Values(
+        RoomCase{"TwoChunkRooms", 32768, false, 100000, 0,
+                 {16384, 16384, 16384, 16384, 16384, 16384, 1696}, 7},
+        RoomCase{"TwoChunkRoomsExactEnd", 32768, false, 65536, 0,
+                 {16384, 16384, 16384, 16384, 0}, 4},
+        RoomCase{"TwoChunkRoomsOddChunkCount", 32768, false, 49152, 0, {16384, 16384, 16384, 0}, 3},
+        RoomCase{"OneChunkRooms", 16384, false, 40000, 0, {16384, 16384, 7232}, 3},
+        RoomCase{"FromAnOffset", 32768, false, 60000, 7000, {16384, 16384, 16384, 3848}, 4},
+        // Every second chunk is read again from the file: its room was
+        // written over.
+        RoomCase{"RoomMovedAfterTheFirstChunk", 32768, true, 100000, 0,
+                 {16384, 16384, 16384, 16384, 16384, 16384, 1696}, 5}),
+    [](const ::testing::TestParamInfo<RoomCase>& p) { return std::string(p.param.name); });
 
 TEST(LocalFileRequest, StartWithoutASinkIsRefused) {
   LogCapture log(1);
