@@ -52,6 +52,12 @@ class BufferQueue : public Semaphore, public StreamSink {
   // A reader this close ahead of the write point is reached by the running
   // connection soon enough: no new connection is worth its start-up cost.
   static constexpr long long kNearDistance = 65537;
+  // A queue of at least this many blocks leaves a sleeping reader asleep
+  // for a quarter of them more while the writer delivers at memory speed
+  // (see streamIn and wakePoint).
+  static constexpr long long kWakeMarginMinBlocks = 8;
+  // Chunks this close together (ns) are delivered at memory speed.
+  static constexpr long long kFastChunkGapNs = 50000;
 
   // Stream statuses.
   static constexpr int STREAM_IDLE = -1;
@@ -141,6 +147,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   int getActiveWorkNum() const { return activeWorkNum_.load(std::memory_order_relaxed); }
   bool isReadInProgress() const { return readInProgress_.load(std::memory_order_relaxed); }
   bool isWriterWaiting() const { return writerWaiting_.load(std::memory_order_relaxed); }
+  bool isReaderWaiting();  // a reader sleeps for data (takes streamLock_)
   bool isFeedRequested() const { return feedRequested_.load(std::memory_order_relaxed); }
   long long getRangeBegin() const { return rangeBegin_.load(std::memory_order_relaxed); }
   // Snapshot of the used blocks as (beginning, payload), under streamLock_.
@@ -183,6 +190,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool easyFill(long long offset, unsigned long size, char* buffer, unsigned long* got,
                 bool backward);
   bool waitForData(long long wakeAt, const char* breakText);
+  long long wakePoint(long long wanted);
   void relocateReader(long long offset);
   // Copies from the reader's block with the stream lock let go, the block
   // pinned (copyBlock_) for that time.
@@ -254,6 +262,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   unsigned long roomPayload_ = 0;
   int roomVersion_ = 0;
   long long wakeAt_ = 0;           // the write point at which that reader can go on
+  long long wakeLate_ = 0;         // wakeAt_ plus a margin for a writer at memory speed
+  long long lastChunkNs_ = 0;      // steady time of the last chunk read in place
   int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
   bool released_ = false;
   bool startPending_ = false;      // a connection start is on its way to workBegin

@@ -135,12 +135,27 @@ void BufferQueue::relocateReader(long long offset) {
   rdTail_ = before != blocks_.end() ? before : blocks_.begin();
 }
 
+// The later write point at which a reader wanting the bytes up to `wanted`
+// is woken while the writer delivers at memory speed (see streamIn): a
+// quarter of the buffer more, so the writer never waits for the reader
+// because of it; not beyond the content's known end. A small queue wakes
+// its reader exactly. REQUIRES: streamLock_ held.
+long long BufferQueue::wakePoint(long long wanted) {
+  if (blockCount_ < kWakeMarginMinBlocks) return wanted;
+  long long wake = wanted + (blockCount_ / 4) * kBlockSize;
+  long long known = contentSize_;
+  if (known != 0 && wake > known) wake = known;
+  if (knownEnd_ >= 0 && wake > knownEnd_) wake = knownEnd_;
+  return wake > wanted ? wake : wanted;
+}
+
 // Sleeps once for data. False when the read must end: break or final
 // status. REQUIRES: streamLock_ held.
 bool BufferQueue::waitForData(long long wakeAt, const char* breakText) {
   if (!breakReadRequested_ && !isFinalStatus(streamStatus_, retryCount_)) {
     readerWaiting_ = true;
     wakeAt_ = wakeAt;
+    wakeLate_ = wakePoint(wakeAt);
     feedIfIdle();
     streamLock_.notifyAll();
     streamLock_.wait();
@@ -261,6 +276,7 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
       known = contentSize_;
       if (known != 0 && wanted > known) wanted = known;
       wakeAt_ = wanted;
+      wakeLate_ = wakePoint(wanted);
       feedIfIdle();
       streamLock_.notifyAll();
       streamLock_.wait();
@@ -412,6 +428,11 @@ long long BufferQueue::getBufferedSize(long long offset) {
     last = wtHead_;
   }
   return ((*last)->getBeginningSeqNum() - offset) + static_cast<long long>((*last)->payloadSize());
+}
+
+bool BufferQueue::isReaderWaiting() {
+  SyncGuard guard(streamLock_);
+  return readerWaiting_;
 }
 
 long long BufferQueue::getMiniBlockOffset() {

@@ -2,6 +2,9 @@
 // and the ordinary way, mixed: the bytes read back must be exact either way.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "buffer/buffer_queue.h"
@@ -11,6 +14,7 @@ namespace {
 
 using testsupport::patternByte;
 using testsupport::ScriptedProducer;
+using testsupport::waitFor;
 using util::BufferQueue;
 
 void fillPattern(void* place, long long from, long long n) {
@@ -86,5 +90,89 @@ TEST(BufferQueueDirect, ARoomOfASupersededConnectionIsRefused) {
   std::list<std::pair<long long, unsigned long>> held = {{0, 1000}};
   EXPECT_EQ(held, f.queue.blockMap());
 }
+
+// How a reader sleeping for a 64 KiB read behind the writer gets its bytes:
+// the writer hands in 16 KiB chunks (read into the room, or the ordinary
+// way), some at once, some after a pause, and may end the connection. While
+// chunks come into the room back to back the reader may be left asleep for
+// a margin more, but never past a chunk that came after a pause, the end of
+// the connection, or the margin itself.
+struct WakeCase {
+  const char* name;
+  bool inPlace;
+  int chunksAtOnce;      // delivered back to back from offset 0
+  int chunksAfterPause;  // then each after a pause
+  bool endAfter;         // then the partial-end event
+};
+
+class BufferQueueWake : public ::testing::TestWithParam<WakeCase> {};
+
+TEST_P(BufferQueueWake, TheReadReturnsWithItsBytes) {
+  const WakeCase& c = GetParam();
+  const unsigned long kRead = 65536;
+  ScriptedProducer producer(8 << 20, true);
+  BufferQueue queue(2 << 20);  // what a file handle gets: the margin applies
+  queue.initialize(&producer);
+  producer.setOut(&queue);
+  std::vector<char> buffer(kRead);
+  unsigned long got = 0;
+  std::atomic<int> result{1};
+  std::atomic<bool> done{false};
+  std::thread reader([&] {
+    result = queue.read(buffer.data(), kRead, &got);
+    done = true;
+  });
+  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
+  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(waitFor([&] { return queue.isReaderWaiting(); }));
+  long long at = 0;
+  auto chunk = [&] {
+    if (c.inPlace) {
+      void* room = queue.directRoom(16384, 0);
+      ASSERT_NE(nullptr, room);
+      fillPattern(room, at, 16384);
+      ASSERT_TRUE(queue.streamIn(room, 16384, 0));
+    } else {
+      ASSERT_TRUE(producer.deliver(at, 16384, 0));
+    }
+    at += 16384;
+  };
+  for (int i = 0; i < c.chunksAtOnce; ++i) chunk();
+  for (int i = 0; i < c.chunksAfterPause; ++i) {
+    // The pause is the point of the case: a writer slower than memory.
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    chunk();
+  }
+  if (c.endAfter) queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
+  bool returned = waitFor([&] { return done.load(); }, 5000);
+  queue.release();  // ends a read still sleeping, so the thread can be joined
+  reader.join();
+  ASSERT_TRUE(returned);
+  // Woken by the writer, not rescued by the monitor restarting a stream it
+  // took for stalled (which it does after some 400 ms). An end before the
+  // content's size starts the next part itself.
+  if (!c.endAfter) {
+    EXPECT_EQ(1u, producer.startCount());
+  }
+  EXPECT_EQ(0, result.load());
+  ASSERT_EQ(kRead, got);
+  for (unsigned long i = 0; i < kRead; ++i) {
+    ASSERT_EQ(patternByte(static_cast<long long>(i)), static_cast<unsigned char>(buffer[i]))
+        << "at " << i;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Paces, BufferQueueWake,
+    ::testing::Values(
+        // Chunks the ordinary way (an HTTP source): woken once its bytes are there.
+        WakeCase{"OrdinaryChunksAtOnce", false, 4, 0, false},
+        WakeCase{"OrdinaryChunksWithPauses", false, 0, 4, false},
+        WakeCase{"RoomChunksWithPauses", true, 0, 4, false},
+        WakeCase{"RoomChunksAtOnceThenOneAfterAPause", true, 4, 1, false},
+        WakeCase{"RoomChunksAtOnceThenTheEnd", true, 4, 0, true},
+        // 64 KiB wanted and a quarter of the 64 blocks more.
+        WakeCase{"RoomChunksAtOnceUpToTheMargin", true, 4 + 32, 0, false}),
+    [](const ::testing::TestParamInfo<WakeCase>& p) { return std::string(p.param.name); });
 
 }  // namespace
