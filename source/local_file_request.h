@@ -2,11 +2,11 @@
 // restartable reader thread (`thread`, routine perform) pushes the file from
 // `from` into the sink in 16384-byte chunks, each with the generation number
 // of its start. The file is read two chunks at a time (one system call per
-// 32 KiB: on a page-cached file the call, not the copy, is most of a 16 KiB
-// read's cost), straight into the sink's write block when the sink offers
-// room for both (directRoom), else into the thread's own buffer; the second
-// chunk is handed over in place when the sink offers the room it already
-// lies in, else copied out first.
+// 32 KiB: on a page-cached file the call costs about as much as the copy of
+// 16 KiB), straight into the sink's write block when the sink offers room
+// for both (directRoom), else into the thread's own buffer; the second chunk
+// is handed over in place when the sink offers the room it already lies in,
+// else read again from the file.
 //
 // Owned by a DullFile. Called by the queue's worker, reconnection task or
 // monitor (start/stop), by its own reader thread (read), and by the closing
