@@ -16,34 +16,53 @@ using testsupport::ScriptedProducer;
 using testsupport::waitFor;
 using util::BufferQueue;
 
-TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
-  testsupport::LogCapture log(0);
-  ScriptedProducer producer(1 << 20, true);
-  BufferQueue queue(4 * 32768);
-  queue.initialize(&producer);
-  producer.setOut(&queue);
-  std::vector<char> buffer(60000);
+// A four-block queue fed by a scripted producer of a 1 MiB stream.
+struct Feed {
+  explicit Feed(bool seekable, long long size = 1 << 20) : producer(size, seekable) {
+    queue.initialize(&producer);
+    producer.setOut(&queue);
+  }
+  ~Feed() { queue.release(); }
+
+  // Reads n bytes at the queue's position from a thread of its own, while
+  // the caller plays the producer.
+  std::thread readInBackground(std::vector<char>* into, unsigned long n) {
+    return std::thread([this, into, n] { result = queue.read(into->data(), n, &got); });
+  }
+  // Every byte of `buffer` from `at` on is the stream's byte there.
+  static void expectPattern(const std::vector<char>& buffer, long long from, unsigned long n) {
+    for (unsigned long i = 0; i < n; ++i) {
+      ASSERT_EQ(testsupport::patternByte(from + static_cast<long long>(i)),
+                static_cast<unsigned char>(buffer[i]))
+          << "at " << from + static_cast<long long>(i);
+    }
+  }
+
+  testsupport::LogCapture log{0};
+  ScriptedProducer producer;
+  BufferQueue queue{4 * 32768};
   unsigned long got = 0;
   int result = 1;
-  std::thread reader([&] { result = queue.read(buffer.data(), buffer.size(), &got); });
-  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
-  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
-  ASSERT_TRUE(producer.deliver(0, 50000, 0));
-  queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
-  EXPECT_TRUE(log.contains("begin to fragment streaming"));
-  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 2; }));
-  EXPECT_EQ(50000, producer.starts()[1].from);
-  EXPECT_EQ(1, producer.starts()[1].version);
-  EXPECT_FALSE(producer.deliver(50000, 100, 0));  // the old connection is over
-  ASSERT_TRUE(producer.deliver(50000, 10000, 1));
+};
+
+TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
+  Feed f(true);
+  std::vector<char> buffer(60000);
+  std::thread reader = f.readInBackground(&buffer, buffer.size());
+  ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 1; }));
+  f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(f.producer.deliver(0, 50000, 0));
+  f.queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
+  EXPECT_TRUE(f.log.contains("begin to fragment streaming"));
+  ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 2; }));
+  EXPECT_EQ(50000, f.producer.starts()[1].from);
+  EXPECT_EQ(1, f.producer.starts()[1].version);
+  EXPECT_FALSE(f.producer.deliver(50000, 100, 0));  // the old connection is over
+  ASSERT_TRUE(f.producer.deliver(50000, 10000, 1));
   reader.join();
-  EXPECT_EQ(0, result);
-  ASSERT_EQ(60000u, got);
-  for (unsigned long i = 0; i < got; ++i) {
-    ASSERT_EQ(testsupport::patternByte(static_cast<long long>(i)),
-              static_cast<unsigned char>(buffer[i]));
-  }
-  queue.release();
+  EXPECT_EQ(0, f.result);
+  ASSERT_EQ(60000u, f.got);
+  Feed::expectPattern(buffer, 0, f.got);
 }
 
 // A connection that ends exactly at a block's end while every block holds
@@ -51,56 +70,40 @@ TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
 // its first chunk waits for the reader to free a block. Giving up one of the
 // unread blocks instead would make the reader fetch those bytes again.
 TEST(BufferQueueFeed, PartialEndOnAFullBufferKeepsTheUnreadBlocks) {
-  testsupport::LogCapture log(0);
-  ScriptedProducer producer(1 << 20, true);
-  BufferQueue queue(4 * 32768);
-  queue.initialize(&producer);
-  producer.setOut(&queue);
+  Feed f(true);
   const long long end = 4 * 32768;
   std::vector<char> buffer(end + 40000);
-  unsigned long got = 0;
-  int result = 1;
-  std::thread first([&] { result = queue.read(buffer.data(), 1, &got); });
-  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
-  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
-  ASSERT_TRUE(producer.deliver(0, end, 0));
+  std::thread first = f.readInBackground(&buffer, 1);
+  ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 1; }));
+  f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(f.producer.deliver(0, end, 0));
   first.join();
-  ASSERT_EQ(0, result);
-  queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
-  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 2; }));
-  EXPECT_EQ(end, producer.starts()[1].from);
-  EXPECT_EQ(1, producer.starts()[1].version);
+  ASSERT_EQ(0, f.result);
+  f.queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
+  ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 2; }));
+  EXPECT_EQ(end, f.producer.starts()[1].from);
+  EXPECT_EQ(1, f.producer.starts()[1].version);
   bool delivered = false;
-  std::thread writer([&] { delivered = producer.deliver(end, 40000, 1); });
+  std::thread writer([&] { delivered = f.producer.deliver(end, 40000, 1); });
   unsigned long rest = 0;
-  EXPECT_EQ(0, queue.read(buffer.data() + 1, buffer.size() - 1, &rest));
+  EXPECT_EQ(0, f.queue.read(buffer.data() + 1, buffer.size() - 1, &rest));
   writer.join();
   EXPECT_TRUE(delivered);
   ASSERT_EQ(buffer.size() - 1, rest);
-  for (unsigned long i = 0; i < buffer.size(); ++i) {
-    ASSERT_EQ(testsupport::patternByte(static_cast<long long>(i)),
-              static_cast<unsigned char>(buffer[i]));
-  }
-  EXPECT_EQ(2u, producer.startCount());
-  queue.release();
+  Feed::expectPattern(buffer, 0, buffer.size());
+  EXPECT_EQ(2u, f.producer.startCount());
 }
 
 TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
-  testsupport::LogCapture log(0);
-  ScriptedProducer producer(1000, true);
-  BufferQueue queue(4 * 32768);
-  queue.initialize(&producer);
-  producer.setOut(&queue);
-  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
-  ASSERT_TRUE(producer.deliver(0, 1000, 0));
-  queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
-  EXPECT_EQ(BufferQueue::STREAM_END, queue.getStreamStatus());
-  EXPECT_EQ(0u, producer.startCount());
+  Feed f(true, 1000);
+  f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  ASSERT_TRUE(f.producer.deliver(0, 1000, 0));
+  f.queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
+  EXPECT_EQ(BufferQueue::STREAM_END, f.queue.getStreamStatus());
+  EXPECT_EQ(0u, f.producer.startCount());
   char buffer[1000];
-  unsigned long got = 0;
-  EXPECT_EQ(0, queue.read(buffer, 1000, &got));
-  EXPECT_EQ(1000u, got);
-  queue.release();
+  EXPECT_EQ(0, f.queue.read(buffer, 1000, &f.got));
+  EXPECT_EQ(1000u, f.got);
 }
 
 // A source that cannot seek, read at the front block up to a gap, while the
@@ -109,20 +112,15 @@ TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
 // gap, which only a connection from there can fill. The monitor must give
 // the blocked connection up for one from the reader's first missing byte.
 TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
-  testsupport::LogCapture log(0);
   BufferQueue::overrun = false;
-  ScriptedProducer producer(1 << 20, false);
-  BufferQueue queue(4 * 32768);
-  queue.initialize(&producer);
-  producer.setOut(&queue);
+  Feed f(false);
+  testsupport::LogCapture& log = f.log;
+  ScriptedProducer& producer = f.producer;
+  BufferQueue& queue = f.queue;
   std::vector<char> buffer(32768);
-  unsigned long got = 0;
+  unsigned long& got = f.got;
   auto expectPattern = [&](long long from, unsigned long n) {
-    for (unsigned long i = 0; i < n; ++i) {
-      ASSERT_EQ(testsupport::patternByte(from + static_cast<long long>(i)),
-                static_cast<unsigned char>(buffer[i]))
-          << "at " << from + static_cast<long long>(i);
-    }
+    Feed::expectPattern(buffer, from, n);
   };
 
   // The front block holds [0, 32768).
@@ -194,7 +192,6 @@ TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
   EXPECT_EQ(0, result);
   ASSERT_EQ(1000u, got);
   expectPattern(32100, 1000);
-  queue.release();
 }
 
 }  // namespace
