@@ -246,6 +246,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   std::atomic<bool> seekHappened_{false};     // queue lock
   bool workerStarted_ = false;                // queue lock
   bool contiguityCheckPending_ = false;       // [S]
+  long long lastReadEnd_ = -1;                // queue lock: where the last read ended
+  bool sequentialRead_ = false;               // queue lock: this read goes on from there
 
   // Connection tracking of this implementation, all [S].
   bool streamLive_ = false;        // the current version's connection may still deliver

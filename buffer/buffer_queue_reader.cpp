@@ -60,8 +60,13 @@ int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
     CV_LOG(0, "read failed in buffer stream status:%d", streamStatus_.load());
     return SMFR_FAILED;
   }
+  // Only a read going on where the previous one ended may be left asleep
+  // for a margin (wakePoint): a read after a jump wants its bytes and no
+  // more.
+  sequentialRead_ = readOffset_ == lastReadEnd_;
   long long begin = nowMs();
   bool ok = fill(readOffset_, size, buffer, got, 0);
+  lastReadEnd_ = readOffset_;
   long long spent = nowMs() - begin;
   if (spent >= 1001) {
     CV_LOG(-5, "BufferQueue(%p) read %d spend %lu ms", static_cast<void*>(this),
@@ -136,12 +141,13 @@ void BufferQueue::relocateReader(long long offset) {
 }
 
 // The later write point at which a reader wanting the bytes up to `wanted`
-// is woken while the writer delivers at memory speed (see streamIn): a
-// quarter of the buffer more, so the writer never waits for the reader
-// because of it; not beyond the content's known end. A small queue wakes
-// its reader exactly. REQUIRES: streamLock_ held.
+// is woken while the writer delivers at memory speed (see streamIn): for a
+// sequential read, a quarter of the buffer more, so the writer never waits
+// for the reader because of it; not beyond the content's known end. A small
+// queue wakes its reader exactly. REQUIRES: streamLock_ and the queue lock
+// held.
 long long BufferQueue::wakePoint(long long wanted) {
-  if (blockCount_ < kWakeMarginMinBlocks) return wanted;
+  if (!sequentialRead_ || blockCount_ < kWakeMarginMinBlocks) return wanted;
   long long wake = wanted + (blockCount_ / 4) * kBlockSize;
   long long known = contentSize_;
   if (known != 0 && wake > known) wake = known;

@@ -99,8 +99,9 @@ TEST(BufferQueueDirect, ARoomOfASupersededConnectionIsRefused) {
 // the connection, or the margin itself.
 struct WakeCase {
   const char* name;
+  bool sequential;       // the read goes on where a first one ended
   bool inPlace;
-  int chunksAtOnce;      // delivered back to back from offset 0
+  int chunksAtOnce;      // delivered back to back after the first read
   int chunksAfterPause;  // then each after a pause
   bool endAfter;         // then the partial-end event
 };
@@ -114,18 +115,30 @@ TEST_P(BufferQueueWake, TheReadReturnsWithItsBytes) {
   BufferQueue queue(2 << 20);  // what a file handle gets: the margin applies
   queue.initialize(&producer);
   producer.setOut(&queue);
+  // A first read makes the next one sequential, the kind a margin is for.
+  const long long kFirst = c.sequential ? 16384 : 0;
   std::vector<char> buffer(kRead);
   unsigned long got = 0;
   std::atomic<int> result{1};
   std::atomic<bool> done{false};
+  if (c.sequential) {
+    std::thread first([&] { result = queue.read(buffer.data(), kFirst, &got); });
+    ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
+    queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+    ASSERT_TRUE(producer.deliver(0, kFirst, 0));
+    first.join();
+    ASSERT_EQ(0, result.load());
+  }
   std::thread reader([&] {
     result = queue.read(buffer.data(), kRead, &got);
     done = true;
   });
-  ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
-  queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  if (!c.sequential) {
+    ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
+    queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
+  }
   ASSERT_TRUE(waitFor([&] { return queue.isReaderWaiting(); }));
-  long long at = 0;
+  long long at = kFirst;
   auto chunk = [&] {
     if (c.inPlace) {
       void* room = queue.directRoom(16384, 0);
@@ -157,8 +170,9 @@ TEST_P(BufferQueueWake, TheReadReturnsWithItsBytes) {
   EXPECT_EQ(0, result.load());
   ASSERT_EQ(kRead, got);
   for (unsigned long i = 0; i < kRead; ++i) {
-    ASSERT_EQ(patternByte(static_cast<long long>(i)), static_cast<unsigned char>(buffer[i]))
-        << "at " << i;
+    ASSERT_EQ(patternByte(kFirst + static_cast<long long>(i)),
+              static_cast<unsigned char>(buffer[i]))
+        << "at " << kFirst + static_cast<long long>(i);
   }
 }
 
@@ -166,13 +180,15 @@ INSTANTIATE_TEST_SUITE_P(
     Paces, BufferQueueWake,
     ::testing::Values(
         // Chunks the ordinary way (an HTTP source): woken once its bytes are there.
-        WakeCase{"OrdinaryChunksAtOnce", false, 4, 0, false},
-        WakeCase{"OrdinaryChunksWithPauses", false, 0, 4, false},
-        WakeCase{"RoomChunksWithPauses", true, 0, 4, false},
-        WakeCase{"RoomChunksAtOnceThenOneAfterAPause", true, 4, 1, false},
-        WakeCase{"RoomChunksAtOnceThenTheEnd", true, 4, 0, true},
+        WakeCase{"OrdinaryChunksAtOnce", true, false, 4, 0, false},
+        WakeCase{"OrdinaryChunksWithPauses", true, false, 0, 4, false},
+        WakeCase{"RoomChunksWithPauses", true, true, 0, 4, false},
+        WakeCase{"RoomChunksAtOnceThenOneAfterAPause", true, true, 4, 1, false},
+        WakeCase{"RoomChunksAtOnceThenTheEnd", true, true, 4, 0, true},
         // 64 KiB wanted and a quarter of the 64 blocks more.
-        WakeCase{"RoomChunksAtOnceUpToTheMargin", true, 4 + 32, 0, false}),
+        WakeCase{"RoomChunksAtOnceUpToTheMargin", true, true, 4 + 32, 0, false},
+        // The first read (as any after a jump) wants its bytes and no more.
+        WakeCase{"FirstReadRoomChunksAtOnce", false, true, 4, 0, false}),
     [](const ::testing::TestParamInfo<WakeCase>& p) { return std::string(p.param.name); });
 
 }  // namespace
