@@ -267,6 +267,16 @@ void BufferQueue::stopMonitor() {
 void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);
   if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
+  // A reader left asleep for the margin of a writer at memory speed
+  // (streamIn) while the writer paused since: its bytes are there, so it
+  // goes on now, one period late at most, and the pause is no stall.
+  if (readerWaiting_ && (*wtHead_)->endSeqNum() >= wakeAt_ && wakeAt_ < wakeLate_) {
+    CV_LOG(2, "reader's bytes are there, writer paused: wake it");
+    lastActivity_ = activity_;
+    stallChecks_ = 0;
+    streamLock_.notifyAll();
+    return;
+  }
   // A writer waiting for a free block while the reader waits for a byte no
   // block holds is no sign of life: only the reader's progress frees a
   // block, and the reader waits for the writer. (With several handles on

@@ -185,6 +185,9 @@ INSTANTIATE_TEST_SUITE_P(
         WakeCase{"RoomChunksWithPauses", true, true, 0, 4, false},
         WakeCase{"RoomChunksAtOnceThenOneAfterAPause", true, true, 4, 1, false},
         WakeCase{"RoomChunksAtOnceThenTheEnd", true, true, 4, 0, true},
+        // Its bytes came at memory speed, then the writer fell silent (a
+        // slow disk): the read goes on with them, the stream is not restarted.
+        WakeCase{"RoomChunksAtOnceThenSilence", true, true, 4, 0, false},
         // 64 KiB wanted and a quarter of the 64 blocks more.
         WakeCase{"RoomChunksAtOnceUpToTheMargin", true, true, 4 + 32, 0, false},
         // The first read (as any after a jump) wants its bytes and no more.
