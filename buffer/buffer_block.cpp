@@ -1,17 +1,34 @@
 #include "buffer/buffer_block.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
+#include <new>
+#include <stdexcept>
 
 namespace util {
 
-BufferBlock::BufferBlock(int capacity) : data_(static_cast<size_t>(capacity), 0) {}
+namespace {
 
-BufferBlock::~BufferBlock() = default;
+// The storage of a block, failing as a vector of that length would.
+unsigned char* zeroFilled(int capacity) {
+  if (capacity < 0) throw std::length_error("cannot create a block of negative size");
+  // calloc(0) may answer null: an empty block still gets a pointer.
+  void* p = std::calloc(capacity > 0 ? static_cast<size_t>(capacity) : 1, 1);
+  if (p == nullptr) throw std::bad_alloc();
+  return static_cast<unsigned char*>(p);
+}
+
+}  // namespace
+
+BufferBlock::BufferBlock(int capacity)
+    : data_(zeroFilled(capacity)), capacity_(static_cast<size_t>(capacity)) {}
+
+BufferBlock::~BufferBlock() { std::free(data_); }
 
 unsigned long BufferBlock::in(const unsigned char* src, unsigned long len) {
   unsigned long n = std::min<unsigned long>(sizeOfFree(), len);
-  if (n > 0) std::memcpy(data_.data() + payload_, src, n);
+  if (n > 0) std::memcpy(data_ + payload_, src, n);
   payload_ += n;
   return n;
 }
@@ -25,7 +42,7 @@ unsigned long BufferBlock::outSize(unsigned long offset, unsigned long len) cons
 }
 
 void BufferBlock::copyOut(unsigned long offset, void* dst, unsigned long len) const {
-  if (len > 0) std::memcpy(dst, data_.data() + offset, len);
+  if (len > 0) std::memcpy(dst, data_ + offset, len);
 }
 
 void BufferBlock::out(unsigned long offset, void* dst, unsigned long len,

@@ -6,8 +6,8 @@
 #ifndef CORVANE_BUFFER_BUFFER_BLOCK_H_
 #define CORVANE_BUFFER_BUFFER_BLOCK_H_
 
+#include <cstddef>
 #include <cstdint>
-#include <vector>
 
 namespace util {
 
@@ -16,6 +16,9 @@ class BufferBlock {
   // A zero-filled block of `capacity` bytes, empty, beginning at offset 0.
   explicit BufferBlock(int capacity);
   virtual ~BufferBlock();
+
+  BufferBlock(const BufferBlock&) = delete;
+  BufferBlock& operator=(const BufferBlock&) = delete;
 
   // Appends up to the free room; returns the bytes copied (0 when full).
   unsigned long in(const unsigned char* src, unsigned long len);
@@ -31,11 +34,11 @@ class BufferBlock {
 
   // The free room after the payload, and taking `len` bytes written there
   // as payload (at most the free room).
-  unsigned char* freeRoom() { return data_.data() + payload_; }
+  unsigned char* freeRoom() { return data_ + payload_; }
   void commitIn(unsigned long len) { payload_ += len < sizeOfFree() ? len : sizeOfFree(); }
 
-  unsigned long sizeOfFree() const { return data_.size() - payload_; }
-  unsigned long size() const { return data_.size(); }
+  unsigned long sizeOfFree() const { return capacity_ - payload_; }
+  unsigned long size() const { return capacity_; }
   unsigned long payloadSize() const { return payload_; }
   long long getBeginningSeqNum() const { return beginning_; }
   bool getFlag() const { return flag_; }
@@ -46,7 +49,7 @@ class BufferBlock {
   }
   // The byte at `seq` would land here if the block is filled on.
   bool willContained(long long seq) const {
-    return beginning_ <= seq && seq < beginning_ + static_cast<long long>(data_.size());
+    return beginning_ <= seq && seq < beginning_ + static_cast<long long>(capacity_);
   }
   bool isForwarding(long long seq) const { return beginning_ <= seq; }
   // Rebases the block to `seq`, emptying it.
@@ -63,7 +66,11 @@ class BufferBlock {
   uint32_t index = 0;  // ordinal in its queue; 0 while pooled
 
  private:
-  std::vector<unsigned char> data_;
+  // Zero-filled by calloc: fresh pages from the system are zero already and
+  // are only touched when written, so a new queue does not fault in all its
+  // blocks before the first byte arrives (a small file uses one or two).
+  unsigned char* data_;
+  size_t capacity_;
   uint64_t payload_ = 0;
   long long beginning_ = 0;
   bool flag_ = true;
