@@ -132,20 +132,22 @@ TEST_P(MediaProbeTest, ConnectionsDroppedEvery512KiBMatchFfprobe) {
   }
 }
 
-// A buffer much smaller than the clip: every step back of the demuxer and
-// the jump to an index at the tail leave the buffered window.
-TEST_P(MediaProbeTest, SmallLibraryBufferMatchesFfprobe) {
+// A buffer much smaller than the clip (every step back of the demuxer and
+// the jump to an index at the tail leave the buffered window), and two
+// handles demuxing one URL at once.
+TEST_P(MediaProbeTest, SmallLibraryBufferAndTwoHandlesAtOnceMatchFfprobe) {
   NginxFixture nginx;
   CV_START_NGINX_OR_SKIP(nginx);
   nginx.addFile(GetParam().fileName, bytes_);
-  expectReference(probe(nginx.httpUrl(GetParam().fileName), {"--buffer", "262144"}), 1);
-}
-
-TEST_P(MediaProbeTest, TwoHandlesDemuxingOneUrlAtOnceBothMatchFfprobe) {
-  NginxFixture nginx;
-  CV_START_NGINX_OR_SKIP(nginx);
-  nginx.addFile(GetParam().fileName, bytes_);
-  expectReference(probe(nginx.httpUrl(GetParam().fileName), {"--threads", "2"}), 2);
+  const std::string url = nginx.httpUrl(GetParam().fileName);
+  {
+    SCOPED_TRACE("256 KiB buffer");
+    expectReference(probe(url, {"--buffer", "262144"}), 1);
+  }
+  {
+    SCOPED_TRACE("two handles");
+    expectReference(probe(url, {"--threads", "2"}), 2);
+  }
 }
 
 // A server that answers every request with the whole file from its start:

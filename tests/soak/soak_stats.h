@@ -36,21 +36,11 @@ class SoakStats {
   }
   // Something that fails the run, with the first few described.
   void fault(const std::string& kind, const std::string& detail) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    faults_[kind]++;
-    if (faultLines_ < 20) {
-      faultLines_++;
-      std::fprintf(stderr, "soak FAULT %s: %s\n", kind.c_str(), detail.c_str());
-    }
+    count(&faults_, &faultLines_, 20, "soak FAULT", kind, detail);
   }
   // Noted and reported, not failing the run.
   void anomaly(const std::string& kind, const std::string& detail) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    anomalies_[kind]++;
-    if (anomalyLines_ < 10) {
-      anomalyLines_++;
-      std::fprintf(stderr, "soak note %s: %s\n", kind.c_str(), detail.c_str());
-    }
+    count(&anomalies_, &anomalyLines_, 10, "soak note", kind, detail);
   }
   long long faultCount() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -87,6 +77,16 @@ class SoakStats {
   }
 
  private:
+  // Counts `kind` in `counts` and describes the first `maxLines` on stderr.
+  void count(std::map<std::string, long long>* counts, int* lines, int maxLines,
+             const char* prefix, const std::string& kind, const std::string& detail) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    (*counts)[kind]++;
+    if (*lines < maxLines) {
+      ++*lines;
+      std::fprintf(stderr, "%s %s: %s\n", prefix, kind.c_str(), detail.c_str());
+    }
+  }
   std::mutex mutex_;
   std::map<std::string, long long> ops_;
   std::map<std::string, long long> results_;
