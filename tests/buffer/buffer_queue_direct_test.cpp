@@ -7,13 +7,12 @@
 #include <thread>
 #include <vector>
 
-#include "buffer/buffer_queue.h"
 #include "scripted_producer.h"
 
 namespace {
 
 using testsupport::patternByte;
-using testsupport::ScriptedProducer;
+using testsupport::ScriptedQueue;
 using testsupport::waitFor;
 using util::BufferQueue;
 
@@ -22,53 +21,26 @@ void fillPattern(void* place, long long from, long long n) {
   for (long long i = 0; i < n; ++i) p[i] = patternByte(from + i);
 }
 
-void expectPattern(BufferQueue& queue, long long from, unsigned long n) {
-  long long at = 0;
-  ASSERT_TRUE(queue.seek(from, &at));
-  std::vector<char> buffer(n);
-  unsigned long got = 0;
-  ASSERT_EQ(0, queue.read(buffer.data(), n, &got));
-  ASSERT_EQ(n, got);
-  for (unsigned long i = 0; i < n; ++i) {
-    ASSERT_EQ(patternByte(from + static_cast<long long>(i)), static_cast<unsigned char>(buffer[i]))
-        << "at " << from + static_cast<long long>(i);
-  }
-}
-
-struct DirectFixture {
-  DirectFixture() : producer(1 << 20, true), queue(4 * 32768) {
-    queue.initialize(&producer);
-    producer.setOut(&queue);
-  }
-  ~DirectFixture() { queue.release(); }
-  ScriptedProducer producer;
-  BufferQueue queue;
-};
-
 TEST(BufferQueueDirect, ChunksReadIntoTheRoomAreTakenInPlaceAcrossBlocks) {
-  DirectFixture f;
+  ScriptedQueue f;  // four blocks of a 1 MiB stream
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   long long at = 0;
-  for (int i = 0; i < 5; ++i) {
+  // The last chunk is short, as at the end of a file.
+  for (long long n : {16384, 16384, 16384, 16384, 16384, 1000}) {
     void* room = f.queue.directRoom(16384, 0);
-    ASSERT_NE(nullptr, room) << "chunk " << i;
-    fillPattern(room, at, 16384);
-    ASSERT_TRUE(f.queue.streamIn(room, 16384, 0));
-    at += 16384;
+    ASSERT_NE(nullptr, room) << "chunk at " << at;
+    fillPattern(room, at, n);
+    ASSERT_TRUE(f.queue.streamIn(room, static_cast<unsigned long>(n), 0));
+    at += n;
   }
-  // A short last chunk, as at the end of a file.
-  void* room = f.queue.directRoom(16384, 0);
-  ASSERT_NE(nullptr, room);
-  fillPattern(room, at, 1000);
-  ASSERT_TRUE(f.queue.streamIn(room, 1000, 0));
   std::list<std::pair<long long, unsigned long>> expected = {
       {0, 32768}, {32768, 32768}, {65536, 16384 + 1000}};
   EXPECT_EQ(expected, f.queue.blockMap());
-  expectPattern(f.queue, 0, 5 * 16384 + 1000);
+  EXPECT_EQ(5u * 16384 + 1000, testsupport::readChecked(f.queue, 0, 5 * 16384 + 1000));
 }
 
 TEST(BufferQueueDirect, NoRoomUnlessTheStreamRunsNormallyInTheCurrentVersion) {
-  DirectFixture f;
+  ScriptedQueue f;
   EXPECT_EQ(nullptr, f.queue.directRoom(16384, 0));  // no stream-normal event yet
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   EXPECT_EQ(nullptr, f.queue.directRoom(16384, 1));  // another connection's version
@@ -77,7 +49,7 @@ TEST(BufferQueueDirect, NoRoomUnlessTheStreamRunsNormallyInTheCurrentVersion) {
 }
 
 TEST(BufferQueueDirect, ARoomOfASupersededConnectionIsRefused) {
-  DirectFixture f;
+  ScriptedQueue f;
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   ASSERT_TRUE(f.producer.deliver(0, 1000, 0));
   void* room = f.queue.directRoom(16384, 0);
@@ -111,10 +83,9 @@ class BufferQueueWake : public ::testing::TestWithParam<WakeCase> {};
 TEST_P(BufferQueueWake, TheReadReturnsWithItsBytes) {
   const WakeCase& c = GetParam();
   const unsigned long kRead = 65536;
-  ScriptedProducer producer(8 << 20, true);
-  BufferQueue queue(2 << 20);  // what a file handle gets: the margin applies
-  queue.initialize(&producer);
-  producer.setOut(&queue);
+  ScriptedQueue f(2 << 20, 8 << 20);  // what a file handle gets: the margin applies
+  testsupport::ScriptedProducer& producer = f.producer;
+  BufferQueue& queue = f.queue;
   // A first read makes the next one sequential, the kind a margin is for.
   const long long kFirst = c.sequential ? 16384 : 0;
   std::vector<char> buffer(kRead);
@@ -169,11 +140,7 @@ TEST_P(BufferQueueWake, TheReadReturnsWithItsBytes) {
   }
   EXPECT_EQ(0, result.load());
   ASSERT_EQ(kRead, got);
-  for (unsigned long i = 0; i < kRead; ++i) {
-    ASSERT_EQ(patternByte(kFirst + static_cast<long long>(i)),
-              static_cast<unsigned char>(buffer[i]))
-        << "at " << kFirst + static_cast<long long>(i);
-  }
+  testsupport::expectPattern(buffer.data(), kFirst, kRead);
 }
 
 INSTANTIATE_TEST_SUITE_P(

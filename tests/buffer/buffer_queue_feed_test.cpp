@@ -5,55 +5,31 @@
 #include <thread>
 #include <vector>
 
-#include "buffer/buffer_queue.h"
 #include "scripted_producer.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
 
 namespace {
 
+using testsupport::expectPattern;
+using testsupport::LogCapture;
 using testsupport::ScriptedProducer;
+using testsupport::ScriptedQueue;
 using testsupport::waitFor;
 using util::BufferQueue;
 
-// A four-block queue fed by a scripted producer of a 1 MiB stream.
-struct Feed {
-  explicit Feed(bool seekable, long long size = 1 << 20) : producer(size, seekable) {
-    queue.initialize(&producer);
-    producer.setOut(&queue);
-  }
-  ~Feed() { queue.release(); }
-
-  // Reads n bytes at the queue's position from a thread of its own, while
-  // the caller plays the producer.
-  std::thread readInBackground(std::vector<char>* into, unsigned long n) {
-    return std::thread([this, into, n] { result = queue.read(into->data(), n, &got); });
-  }
-  // Every byte of `buffer` from `at` on is the stream's byte there.
-  static void expectPattern(const std::vector<char>& buffer, long long from, unsigned long n) {
-    for (unsigned long i = 0; i < n; ++i) {
-      ASSERT_EQ(testsupport::patternByte(from + static_cast<long long>(i)),
-                static_cast<unsigned char>(buffer[i]))
-          << "at " << from + static_cast<long long>(i);
-    }
-  }
-
-  testsupport::LogCapture log{0};
-  ScriptedProducer producer;
-  BufferQueue queue{4 * 32768};
-  unsigned long got = 0;
-  int result = 1;
-};
+// Each test's queue holds four blocks of a 1 MiB stream unless it says else.
 
 TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
-  Feed f(true);
+  LogCapture log(0);
+  ScriptedQueue f;
   std::vector<char> buffer(60000);
-  std::thread reader = f.readInBackground(&buffer, buffer.size());
+  std::thread reader = f.readInBackground(buffer.data(), buffer.size());
   ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 1; }));
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   ASSERT_TRUE(f.producer.deliver(0, 50000, 0));
   f.queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
-  EXPECT_TRUE(f.log.contains("begin to fragment streaming"));
+  EXPECT_TRUE(log.contains("begin to fragment streaming"));
   ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 2; }));
   EXPECT_EQ(50000, f.producer.starts()[1].from);
   EXPECT_EQ(1, f.producer.starts()[1].version);
@@ -62,7 +38,7 @@ TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
   reader.join();
   EXPECT_EQ(0, f.result);
   ASSERT_EQ(60000u, f.got);
-  Feed::expectPattern(buffer, 0, f.got);
+  expectPattern(buffer.data(), 0, f.got);
 }
 
 // A connection that ends exactly at a block's end while every block holds
@@ -70,10 +46,10 @@ TEST(BufferQueueFeed, PartialEndBeforeTheSizeContinuesFromTheEndOfHeldData) {
 // its first chunk waits for the reader to free a block. Giving up one of the
 // unread blocks instead would make the reader fetch those bytes again.
 TEST(BufferQueueFeed, PartialEndOnAFullBufferKeepsTheUnreadBlocks) {
-  Feed f(true);
+  ScriptedQueue f;
   const long long end = 4 * 32768;
   std::vector<char> buffer(end + 40000);
-  std::thread first = f.readInBackground(&buffer, 1);
+  std::thread first = f.readInBackground(buffer.data(), 1);
   ASSERT_TRUE(waitFor([&] { return f.producer.startCount() == 1; }));
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   ASSERT_TRUE(f.producer.deliver(0, end, 0));
@@ -90,12 +66,12 @@ TEST(BufferQueueFeed, PartialEndOnAFullBufferKeepsTheUnreadBlocks) {
   writer.join();
   EXPECT_TRUE(delivered);
   ASSERT_EQ(buffer.size() - 1, rest);
-  Feed::expectPattern(buffer, 0, buffer.size());
+  expectPattern(buffer.data(), 0, buffer.size());
   EXPECT_EQ(2u, f.producer.startCount());
 }
 
 TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
-  Feed f(true, 1000);
+  ScriptedQueue f(4 * 32768, 1000);
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   ASSERT_TRUE(f.producer.deliver(0, 1000, 0));
   f.queue.notifyStreamException(util::EVENT_STREAM_PARTIAL_END);
@@ -113,19 +89,16 @@ TEST(BufferQueueFeed, PartialEndAtTheSizeEndsTheStream) {
 // the blocked connection up for one from the reader's first missing byte.
 TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
   BufferQueue::overrun = false;
-  Feed f(false);
-  testsupport::LogCapture& log = f.log;
+  LogCapture log(0);
+  ScriptedQueue f(4 * 32768, 1 << 20, false);
   ScriptedProducer& producer = f.producer;
   BufferQueue& queue = f.queue;
   std::vector<char> buffer(32768);
   unsigned long& got = f.got;
-  auto expectPattern = [&](long long from, unsigned long n) {
-    Feed::expectPattern(buffer, from, n);
-  };
+  int& result = f.result;
 
   // The front block holds [0, 32768).
-  int result = 1;
-  std::thread first([&] { result = queue.read(buffer.data(), 32768, &got); });
+  std::thread first = f.readInBackground(buffer.data(), 32768);
   ASSERT_TRUE(waitFor([&] { return producer.startCount() == 1; }));
   queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   ASSERT_TRUE(producer.deliver(0, 32768, 0));
@@ -139,7 +112,7 @@ TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
   long long at = 0;
   ASSERT_TRUE(queue.seek(600000, &at));
   result = 1;
-  std::thread far([&] { result = queue.read(buffer.data(), 1, &got); });
+  std::thread far = f.readInBackground(buffer.data(), 1);
   ASSERT_TRUE(waitFor([&] { return producer.startCount() == 2; }, 5000));
   ASSERT_EQ(589824, producer.starts()[1].from);
   int farVersion = producer.starts()[1].version;
@@ -147,13 +120,13 @@ TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
   far.join();
   ASSERT_EQ(0, result);
   ASSERT_EQ(1u, got);
-  expectPattern(600000, 1);
+  expectPattern(buffer.data(), 600000, 1);
 
   // Back to the front block: its last bytes are there.
   ASSERT_TRUE(queue.seek(32000, &at));
   ASSERT_EQ(0, queue.read(buffer.data(), 100, &got));
   ASSERT_EQ(100u, got);
-  expectPattern(32000, 100);
+  expectPattern(buffer.data(), 32000, 100);
 
   // The far connection goes on and finds no free block.
   std::atomic<bool> writerDone{false};
@@ -191,7 +164,7 @@ TEST(BufferQueueFeed, WriterWaitingForABlockDoesNotHoldAReaderWaitingInAGap) {
   ASSERT_TRUE(finished);
   EXPECT_EQ(0, result);
   ASSERT_EQ(1000u, got);
-  expectPattern(32100, 1000);
+  expectPattern(buffer.data(), 32100, 1000);
 }
 
 }  // namespace

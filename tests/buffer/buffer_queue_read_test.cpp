@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "buffer/buffer_queue.h"
+#include "scripted_producer.h"
 #include "support/log_capture.h"
 #include "support/pattern_producer.h"
 #include "support/wait.h"
@@ -15,7 +15,7 @@
 namespace {
 
 using testsupport::PatternProducer;
-using testsupport::patternByte;
+using testsupport::readChecked;
 using testsupport::waitFor;
 using util::BufferQueue;
 
@@ -28,22 +28,6 @@ struct Source {
   PatternProducer producer;
   BufferQueue queue;
 };
-
-// Reads `size` bytes at `offset` and checks every byte; the bytes read.
-unsigned long readChecked(BufferQueue& queue, long long offset, unsigned long size) {
-  long long at = 0;
-  EXPECT_TRUE(queue.seek(offset, &at));
-  std::vector<char> buffer(size);
-  unsigned long got = 0;
-  EXPECT_EQ(0, queue.read(buffer.data(), size, &got));
-  for (unsigned long i = 0; i < got; ++i) {
-    if (static_cast<unsigned char>(buffer[i]) != patternByte(offset + static_cast<long long>(i))) {
-      ADD_FAILURE() << "byte " << offset + static_cast<long long>(i);
-      break;
-    }
-  }
-  return got;
-}
 
 int threadCount() {
   int count = 0;

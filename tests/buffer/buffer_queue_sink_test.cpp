@@ -5,7 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "buffer/buffer_queue.h"
 #include "scripted_producer.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
@@ -13,21 +12,11 @@
 namespace {
 
 using testsupport::LogCapture;
-using testsupport::ScriptedProducer;
+using testsupport::ScriptedQueue;
 using testsupport::waitFor;
 using util::BufferQueue;
 
 typedef std::list<std::pair<long long, unsigned long>> BlockMap;
-
-struct Fixture {
-  Fixture(int bufferSize, long long size, bool seekable = true)
-      : producer(size, seekable), queue(bufferSize) {
-    queue.initialize(&producer);
-    producer.setOut(&queue);
-  }
-  ScriptedProducer producer;
-  BufferQueue queue;
-};
 
 TEST(BufferQueueSink, BlockCountAndCapacityFollowBufferSize) {
   struct Case {
@@ -55,7 +44,7 @@ TEST(BufferQueueSink, AlignLeftRoundsTowardZero) {
 
 TEST(BufferQueueSink, StaleVersionIsRefusedAndStoresNothing) {
   LogCapture log(2);
-  Fixture f(100000, 1 << 20);
+  ScriptedQueue f(100000, 1 << 20);
   EXPECT_FALSE(f.producer.deliver(0, 100, 1));
   EXPECT_TRUE(f.queue.blockMap().empty());
   EXPECT_TRUE(log.contains("ver = 1, version =0, needExit = 0"));
@@ -65,7 +54,7 @@ TEST(BufferQueueSink, StaleVersionIsRefusedAndStoresNothing) {
 
 TEST(BufferQueueSink, ChunkSpillsIntoRecycledBlockAtHeadPlusBlockSize) {
   LogCapture log(2);
-  Fixture f(100000, 1 << 20);
+  ScriptedQueue f(100000, 1 << 20);
   EXPECT_TRUE(f.producer.deliver(0, 30000, 0));
   EXPECT_TRUE(f.producer.deliver(30000, 10000, 0));
   EXPECT_EQ((BlockMap{{0, 32768}, {32768, 40000 - 32768}}), f.queue.blockMap());
@@ -74,7 +63,7 @@ TEST(BufferQueueSink, ChunkSpillsIntoRecycledBlockAtHeadPlusBlockSize) {
 }
 
 TEST(BufferQueueSink, BufferedSizeOfAnOffsetHeldNowhereIsZero) {
-  Fixture f(100000, 1 << 20);
+  ScriptedQueue f(100000, 1 << 20);
   EXPECT_TRUE(f.producer.deliver(0, 100, 0));
   EXPECT_EQ(0, f.queue.getBufferedSize(500000));
   EXPECT_EQ(90, f.queue.getBufferedSize(10));
@@ -83,7 +72,7 @@ TEST(BufferQueueSink, BufferedSizeOfAnOffsetHeldNowhereIsZero) {
 
 TEST(BufferQueueSink, WriterWaitsWhenEveryBlockHoldsUnreadDataUntilReleased) {
   LogCapture log(2);
-  Fixture f(65536, 1 << 20);
+  ScriptedQueue f(65536, 1 << 20);
   ASSERT_TRUE(f.producer.deliver(0, 65536, 0));
   bool result = true;
   std::thread writer([&] { result = f.producer.deliver(65536, 100, 0); });
@@ -123,7 +112,7 @@ TEST(BufferQueueSink, EveryEventMovesTheStatusAsDocumented) {
   };
   for (const Case& c : cases) {
     LogCapture log(0);
-    Fixture f(100000, c.size);
+    ScriptedQueue f(100000, c.size);
     f.queue.notifyStreamException(c.event);
     EXPECT_EQ(c.status, f.queue.getStreamStatus()) << c.event;
     EXPECT_TRUE(log.contains("stream event " + std::to_string(c.event))) << c.event;
@@ -149,7 +138,7 @@ TEST(BufferQueueSink, ErrorAndTimeoutRetriesAreCounted) {
                 "retry finished in timeout"}};
   for (const Case& c : cases) {
     LogCapture log(0);
-    Fixture f(100000, 1000);
+    ScriptedQueue f(100000, 1000);
     f.queue.notifyStreamException(c.event);
     EXPECT_EQ(1, f.queue.getRetryCount());
     EXPECT_FALSE(log.contains(c.finished));
@@ -170,7 +159,7 @@ TEST(BufferQueueSink, ErrorAndTimeoutRetriesAreCounted) {
 
 TEST(BufferQueueSink, FinalStatusRefusesChunksAndIgnoresEvents) {
   LogCapture log(0);
-  Fixture f(100000, 1000);
+  ScriptedQueue f(100000, 1000);
   f.queue.notifyStreamException(util::EVENT_STREAM_NOT_FOUND);
   EXPECT_FALSE(f.producer.deliver(0, 10, 0));
   EXPECT_TRUE(log.contains("stream status is :4"));
@@ -187,7 +176,7 @@ TEST(BufferQueueSink, ResetErrorStatusClearsTimeoutButNotNotAvailable) {
                {util::EVENT_STREAM_NOT_FOUND, BufferQueue::STREAM_IDLE},
                {util::EVENT_STREAM_NOT_AVAILABLE, BufferQueue::STREAM_NOT_AVAILABLE}};
   for (const Case& c : cases) {
-    Fixture f(100000, 1000);
+    ScriptedQueue f(100000, 1000);
     f.queue.notifyStreamException(c.event);
     f.queue.resetErrorStatus();
     EXPECT_EQ(c.after, f.queue.getStreamStatus()) << c.event;
@@ -196,7 +185,7 @@ TEST(BufferQueueSink, ResetErrorStatusClearsTimeoutButNotNotAvailable) {
 
 TEST(BufferQueueSink, NonSeekableNormalEventRecordsSizeAndSeekability) {
   LogCapture log(0);
-  Fixture f(100000, 5000, false);
+  ScriptedQueue f(100000, 5000, false);
   f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
   EXPECT_TRUE(log.contains("STREAM_NORMAL seekable = 0, totalSize:5000"));
   EXPECT_FALSE(f.queue.isRandomAccess());
@@ -205,7 +194,7 @@ TEST(BufferQueueSink, NonSeekableNormalEventRecordsSizeAndSeekability) {
 
 TEST(BufferQueueSink, RepeatedHeadOfANonSeekableStreamEndsTheConnection) {
   LogCapture log(1);
-  Fixture f(100000, 0, false);
+  ScriptedQueue f(100000, 0, false);
   std::vector<unsigned char> head(32768);
   for (size_t i = 0; i < head.size(); ++i) head[i] = testsupport::patternByte(i);
   EXPECT_TRUE(f.queue.cacheHeadToCheck(head.data(), 1000));
@@ -221,7 +210,7 @@ TEST(BufferQueueSink, RepeatedHeadOfANonSeekableStreamEndsTheConnection) {
 TEST(BufferQueueSink, StatusSevenRefusesTheOldConnectionUntilTheNewOneStarts) {
   LogCapture log(2);
   testsupport::Gate stopGate;
-  Fixture f(100000, 1 << 20);
+  ScriptedQueue f(100000, 1 << 20);
   f.producer.stopGate = &stopGate;
   char buffer[100];
   unsigned long got = 0;
@@ -245,12 +234,12 @@ TEST(BufferQueueSink, StatusSevenRefusesTheOldConnectionUntilTheNewOneStarts) {
   reader.join();
   EXPECT_EQ(0, result);
   ASSERT_EQ(100u, got);
-  for (int i = 0; i < 100; ++i) ASSERT_EQ(testsupport::patternByte(i), (unsigned char)buffer[i]);
+  testsupport::expectPattern(buffer, 0, 100);
 }
 
 TEST(BufferQueueSink, OverlapWithHeldDataStopsTheConnectionAndSetsTheOverrunMark) {
   LogCapture log(0);
-  Fixture f(3 * 32768, 1 << 20);
+  ScriptedQueue f(3 * 32768, 1 << 20);
   BufferQueue::overrun = false;
   char buffer[100];
   unsigned long got = 0;
@@ -277,7 +266,7 @@ TEST(BufferQueueSink, OverlapWithHeldDataStopsTheConnectionAndSetsTheOverrunMark
   EXPECT_TRUE(BufferQueue::overrun.load());
   second.join();
   EXPECT_EQ(0, result);
-  for (int i = 0; i < 100; ++i) ASSERT_EQ(testsupport::patternByte(i), (unsigned char)buffer[i]);
+  testsupport::expectPattern(buffer, 0, 100);
   // A cancel now is taken for the end of the connection.
   f.queue.notifyStreamException(util::EVENT_STREAM_CANCEL);
   EXPECT_TRUE(log.contains("manually translate cancel action to partition end action"));
