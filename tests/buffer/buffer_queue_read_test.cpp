@@ -2,6 +2,7 @@
 #include <dirent.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -56,55 +57,68 @@ TEST(BufferQueueRead, ReadAtExactlyTheSizeIsEofAndSeekPastItFails) {
   EXPECT_EQ(100u, readChecked(s.queue, 99900, 4096));
 }
 
-TEST(BufferQueueRead, FarSeekStartsOneConnectionAtTheAlignedOffset) {
-  Source s(4 * 32768, 10 * 1024 * 1024);
-  EXPECT_EQ(1000u, readChecked(s.queue, 0, 1000));
-  EXPECT_EQ(1, s.producer.starts());
+// Which reads cost a connection and from where: after each step (reading
+// `n` bytes at `offset`) the source has seen `starts` connections, the last
+// from `from`, and no further one comes after the last step.
+TEST(BufferQueueRead, ReadsOutsideHeldDataStartOneConnectionAtTheAlignedOffset) {
   const long long far = 5 * 1024 * 1024 + 7;
-  EXPECT_EQ(1000u, readChecked(s.queue, far, 1000));
-  ASSERT_EQ(2, s.producer.starts());
-  EXPECT_EQ(BufferQueue::alignLeft(far), s.producer.startOffsets()[1]);
-  // Backward into data still held: no connection.
-  EXPECT_EQ(500u, readChecked(s.queue, far - 7, 500));
-  EXPECT_TRUE(testsupport::staysFalse([&] { return s.producer.starts() != 2; }, 200));
-}
-
-TEST(BufferQueueRead, FirstReadAfterASeekStartsTheConnectionThere) {
-  Source s(4 * 32768, 4 * 1024 * 1024);
-  EXPECT_EQ(20000u, readChecked(s.queue, 3 * 1024 * 1024 + 5, 20000));
-  ASSERT_EQ(1, s.producer.starts());
-  EXPECT_EQ(3 * 1024 * 1024, s.producer.startOffsets()[0]);
-}
-
-TEST(BufferQueueRead, BackwardSeekBeforeHeldDataRestartsOnce) {
-  testsupport::LogCapture log(2);
-  Source s(3 * 32768, 4 * 1024 * 1024);
-  EXPECT_EQ(1000u, readChecked(s.queue, 2 * 1024 * 1024, 1000));
-  EXPECT_EQ(1000u, readChecked(s.queue, 100, 1000));
-  if (s.producer.starts() != 2) {
-    for (const std::string& text : log.texts()) {
-      if (text.find("output from") == std::string::npos && text.find("size:") != 0) {
-        std::printf("%s\n", text.c_str());
-      }
+  const long long mib = 1024 * 1024;
+  struct Step {
+    long long offset;
+    unsigned long n;
+    int starts;
+    long long from;
+  };
+  struct Case {
+    const char* name;
+    int blocks;
+    long long size;
+    std::vector<Step> steps;
+  } cases[] = {
+      {"far seek, then back into data still held", 4, 10 * mib,
+       {{0, 1000, 1, 0}, {far, 1000, 2, BufferQueue::alignLeft(far)},
+        {far - 7, 500, 2, BufferQueue::alignLeft(far)}}},
+      {"first read after a seek", 4, 4 * mib, {{3 * mib + 5, 20000, 1, 3 * mib}}},
+      {"backward before held data", 3, 4 * mib, {{2 * mib, 1000, 1, 2 * mib}, {100, 1000, 2, 0}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Source s(c.blocks * 32768, c.size);
+    for (const Step& step : c.steps) {
+      EXPECT_EQ(step.n, readChecked(s.queue, step.offset, step.n)) << step.offset;
+      ASSERT_EQ(step.starts, s.producer.starts()) << step.offset;
+      EXPECT_EQ(step.from, s.producer.startOffsets().back()) << step.offset;
     }
+    const int starts = c.steps.back().starts;
+    EXPECT_TRUE(testsupport::staysFalse([&] { return s.producer.starts() != starts; }, 200));
   }
-  ASSERT_EQ(2, s.producer.starts());
-  EXPECT_EQ(0, s.producer.startOffsets()[1]);
 }
 
-TEST(BufferQueueRead, BreakReadReturnsABlockedReaderPromptly) {
-  Source s(4 * 32768, 1 << 20);
-  s.producer.silentStartsFrom(1);
-  int result = 1;
-  std::thread reader([&] {
-    char buffer[100];
-    unsigned long got = 0;
-    result = s.queue.read(buffer, 100, &got);
-  });
-  ASSERT_TRUE(waitFor([&] { return s.queue.isReadInProgress(); }));
-  s.queue.breakRead();
-  reader.join();
-  EXPECT_EQ(BufferQueue::SMFR_FAILED, result);
+// A reader waiting for bytes that never come returns with a failure when
+// the read is broken off, and when its queue is destroyed under it.
+TEST(BufferQueueRead, AWaitingReaderReturnsOnBreakReadAndOnDestruction) {
+  for (bool destroy : {false, true}) {
+    PatternProducer producer(1 << 20);
+    producer.silentStartsFrom(1);
+    std::unique_ptr<BufferQueue> queue(new BufferQueue(4 * 32768));
+    queue->initialize(&producer);
+    producer.setOut(queue.get());
+    BufferQueue* reading = queue.get();
+    int result = 1;
+    std::thread reader([&] {
+      char buffer[100];
+      unsigned long got = 0;
+      result = reading->read(buffer, 100, &got);
+    });
+    ASSERT_TRUE(waitFor([&] { return reading->isReadInProgress(); })) << destroy;
+    if (destroy) {
+      queue.reset();
+    } else {
+      queue->breakRead();
+    }
+    reader.join();
+    EXPECT_EQ(BufferQueue::SMFR_FAILED, result) << destroy;
+  }
 }
 
 TEST(BufferQueueRead, ReleaseEndsStreamingAndLeavesNoThread) {
@@ -121,24 +135,6 @@ TEST(BufferQueueRead, ReleaseEndsStreamingAndLeavesNoThread) {
     EXPECT_EQ(BufferQueue::READ_FINISHED, s.queue.read(buffer, 10, &got));
     EXPECT_TRUE(waitFor([&] { return threadCount() == before; }, 5000));
   }
-}
-
-TEST(BufferQueueRead, DestroyingAQueueReturnsItsWaitingReader) {
-  PatternProducer producer(1 << 20);
-  producer.silentStartsFrom(1);
-  BufferQueue* queue = new BufferQueue(4 * 32768);
-  queue->initialize(&producer);
-  producer.setOut(queue);
-  int result = 1;
-  std::thread reader([&] {
-    char buffer[100];
-    unsigned long got = 0;
-    result = queue->read(buffer, 100, &got);
-  });
-  ASSERT_TRUE(waitFor([&] { return queue->isReadInProgress(); }));
-  delete queue;
-  reader.join();
-  EXPECT_EQ(BufferQueue::SMFR_FAILED, result);
 }
 
 TEST(BufferQueueRead, SourceThatStopsDeliveringEndsTheStreamWithAClearCode) {

@@ -92,9 +92,12 @@ TEST(BufferQueueSink, EveryEventMovesTheStatusAsDocumented) {
     int status;
     const char* line;
     bool restarts;
+    bool seekable = true;
   } cases[] = {
       {util::EVENT_STREAM_NORMAL, 1000, BufferQueue::STREAM_NORMAL,
        "STREAM_NORMAL seekable = 1, totalSize:1000", false},
+      {util::EVENT_STREAM_NORMAL, 5000, BufferQueue::STREAM_NORMAL,
+       "STREAM_NORMAL seekable = 0, totalSize:5000", false, false},
       {util::EVENT_STREAM_ERROR, 1000, BufferQueue::STREAM_ERROR, "reset cause of STREAM_ERROR",
        true},
       {util::EVENT_STREAM_DEAD, 1000, BufferQueue::STREAM_IDLE, "reset cause of STREAM_DEAD", true},
@@ -112,9 +115,13 @@ TEST(BufferQueueSink, EveryEventMovesTheStatusAsDocumented) {
   };
   for (const Case& c : cases) {
     LogCapture log(0);
-    ScriptedQueue f(100000, c.size);
+    ScriptedQueue f(100000, c.size, c.seekable);
     f.queue.notifyStreamException(c.event);
     EXPECT_EQ(c.status, f.queue.getStreamStatus()) << c.event;
+    if (c.event == util::EVENT_STREAM_NORMAL) {  // the source's size and seekability are taken
+      EXPECT_EQ(c.seekable, f.queue.isRandomAccess()) << c.line;
+      EXPECT_EQ(c.size, f.queue.getContentSize()) << c.line;
+    }
     EXPECT_TRUE(log.contains("stream event " + std::to_string(c.event))) << c.event;
     EXPECT_TRUE(log.contains(c.line)) << c.event;
     EXPECT_EQ(c.restarts ? 1 : 0, f.queue.getVersion()) << c.event;
@@ -181,15 +188,6 @@ TEST(BufferQueueSink, ResetErrorStatusClearsTimeoutButNotNotAvailable) {
     f.queue.resetErrorStatus();
     EXPECT_EQ(c.after, f.queue.getStreamStatus()) << c.event;
   }
-}
-
-TEST(BufferQueueSink, NonSeekableNormalEventRecordsSizeAndSeekability) {
-  LogCapture log(0);
-  ScriptedQueue f(100000, 5000, false);
-  f.queue.notifyStreamException(util::EVENT_STREAM_NORMAL);
-  EXPECT_TRUE(log.contains("STREAM_NORMAL seekable = 0, totalSize:5000"));
-  EXPECT_FALSE(f.queue.isRandomAccess());
-  EXPECT_EQ(5000, f.queue.getContentSize());
 }
 
 TEST(BufferQueueSink, RepeatedHeadOfANonSeekableStreamEndsTheConnection) {
