@@ -268,9 +268,10 @@ void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);
   if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
   // A reader left asleep for the margin of a writer at memory speed
-  // (streamIn) while the writer paused since: its bytes are there, so it
-  // goes on now, one period late at most, and the pause is no stall.
-  if (readerWaiting_ && (*wtHead_)->endSeqNum() >= wakeAt_ && wakeAt_ < wakeLate_) {
+  // (streamIn) while the writer paused since: its next byte is there, so it
+  // goes on now, one period late at most, and the pause is no stall. (The
+  // write point says nothing here: it may be far ahead, past a gap.)
+  if (readerWaiting_ && wakeAt_ < wakeLate_ && isHeld(readOffset_)) {
     CV_LOG(2, "reader's bytes are there, writer paused: wake it");
     lastActivity_ = activity_;
     stallChecks_ = 0;
