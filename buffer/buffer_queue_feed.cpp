@@ -267,12 +267,14 @@ void BufferQueue::stopMonitor() {
 void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);
   if (released_ || isFinalStatus(streamStatus_, retryCount_)) return;
-  // A reader left asleep for the margin of a writer at memory speed
-  // (streamIn) while the writer paused since: its next byte is there, so it
-  // goes on now, one period late at most, and the pause is no stall. (The
-  // write point says nothing here: it may be far ahead, past a gap.)
-  if (readerWaiting_ && wakeAt_ < wakeLate_ && isHeld(readOffset_)) {
-    CV_LOG(2, "reader's bytes are there, writer paused: wake it");
+  // A waiting reader whose next byte is held is not starved by the source:
+  // it was left asleep for the margin of a writer at memory speed (streamIn)
+  // that paused since, or it was woken and has not run yet (a loaded
+  // machine). It goes on now, one period late at most; restarting a source
+  // that delivers would only cost a connection. (The write point says
+  // nothing here: it may be far ahead, past a gap.)
+  if (readerWaiting_ && isHeld(readOffset_)) {
+    CV_LOG(2, "reader's next byte is held: wake it");
     lastActivity_ = activity_;
     stallChecks_ = 0;
     streamLock_.notifyAll();
