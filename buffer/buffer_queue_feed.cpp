@@ -209,7 +209,17 @@ void BufferQueue::handlePartialEnd() {
     CV_LOG(0, "wait for new feeding request");
     return;
   }
-  if (connectionCount_ == 0 && (size == 0 || end > size || (!delivered && end < size && end > 0))) {
+  long long told = producer_ != nullptr ? producer_->getContentSize() : 0;
+  if (delivered && told > 0 && told < size && told == end) {
+    // A source that could not tell the size at the start (no length,
+    // chunked, a range total of "*") knows it once a transfer reached the
+    // end without fault; without this the queue would keep asking for bytes
+    // past an end it cannot see.
+    contentSize_ = told;
+    size = told;
+    CV_LOG(0, "setFileSize: %lld", told);
+  } else if (connectionCount_ == 0 &&
+             (size == 0 || end > size || (!delivered && end < size && end > 0))) {
     // A connection asked for everything ended here: that is the content's
     // size (also when it ended at once, before the announced size).
     contentSize_ = end;

@@ -128,13 +128,39 @@ INSTANTIATE_TEST_SUITE_P(DropAfter, DroppingServer, ::testing::Values(100 << 10,
                            return std::to_string(p.param >> 10) + "KiB";
                          });
 
-TEST(HttpSmartFile, ServerWithoutRangesReadsSequentially) {
+// Servers that do not say how much they send: every byte, then the end of
+// content at the real size, from the one connection that brought it all.
+struct SizeCase {
+  const char* name;
+  bool honourRange;
+  bool contentLength;
+  bool chunked;
+  bool unknownTotal;
+};
+
+class SizeAnswer : public ::testing::TestWithParam<SizeCase> {};
+
+TEST_P(SizeAnswer, SequentialReadEndsAtTheRealSize) {
+  const SizeCase& c = GetParam();
   Script s;
-  s.size = 2 << 20;
-  s.honourRange = false;
+  s.size = (2 << 20) + 4321;
+  s.honourRange = c.honourRange;
+  s.contentLength = c.contentLength;
+  s.chunked = c.chunked;
+  s.unknownTotal = c.unknownTotal;
   ScriptedHttpServer server(s);
   expectSequentialRead(server.url(), s.size);
+  EXPECT_EQ(server.requestCount(), 1);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Servers, SizeAnswer,
+    ::testing::Values(SizeCase{"RangesIgnored", false, true, false, false},
+                      SizeCase{"NoLength", false, false, false, false},
+                      SizeCase{"Chunked", false, false, true, false},
+                      SizeCase{"ChunkedPartial", true, false, true, false},
+                      SizeCase{"TotalUnknown", true, false, false, true}),
+    [](const ::testing::TestParamInfo<SizeCase>& p) { return std::string(p.param.name); });
 
 TEST(HttpSmartFile, OptionsSetThroughTheHandleReachTheWire) {
   ScriptedHttpServer server(Script{});

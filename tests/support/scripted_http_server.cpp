@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <sstream>
 
@@ -307,12 +308,15 @@ void ScriptedHttpServer::serve(int fd) {
       status = 200;
       length = s.size;
     }
-    if (s.contentLength) {
+    if (s.chunked) {
+      headers.push_back(spell("Transfer-Encoding") + ": chunked");
+    } else if (s.contentLength && !s.unknownTotal) {
       headers.push_back(spell("Content-Length") + ": " + std::to_string(length));
     }
     if (status == 206 || s.contentRangeOn200) {
       headers.push_back(spell("Content-Range") + ": bytes " + std::to_string(begin) + "-" +
-                        std::to_string(begin + length - 1) + "/" + std::to_string(s.size));
+                        std::to_string(begin + length - 1) + "/" +
+                        (s.unknownTotal ? std::string("*") : std::to_string(s.size)));
     }
     if (s.honourRange && s.acceptRanges) headers.push_back(spell("Accept-Ranges") + ": bytes");
     headers.push_back(spell("Content-Type") + ": application/octet-stream");
@@ -359,13 +363,20 @@ void ScriptedHttpServer::serve(int fd) {
       } else {
         fillPattern(chunk.data(), begin + sent, n);
       }
+      if (s.chunked) {
+        char size[32];
+        int len = snprintf(size, sizeof(size), "%llx\r\n", n);
+        if (!sendAll(fd, size, static_cast<size_t>(len))) break;
+      }
       if (!sendAll(fd, chunk.data(), static_cast<size_t>(n))) break;
+      if (s.chunked && !sendAll(fd, "\r\n", 2)) break;
       sent += n;
       bytesSent_ += n;
     }
     if (drop && sent >= s.dropAfter) break;
     if (s.trickleMs > 0 && !pause(s.trickleMs)) break;
   }
+  if (s.chunked && sent == length) sendAll(fd, "0\r\n\r\n", 5);
   finish();
 }
 

@@ -45,6 +45,8 @@ struct Script {
   bool honourRange = true;          // false: 200 with the whole content
   int rangeStatus = 0;              // e.g. 416: the answer to any request with a Range
   bool contentLength = true;        // send Content-Length
+  bool chunked = false;             // chunked transfer encoding (no Content-Length)
+  bool unknownTotal = false;        // Content-Range total "*" (and no Content-Length)
   bool contentRangeOn200 = false;   // send Content-Range even with a 200
   bool acceptRanges = true;         // send "Accept-Ranges: bytes" when honouring ranges
   HeaderCase headerCase = HeaderCase::Canonical;
