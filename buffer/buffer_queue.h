@@ -29,6 +29,7 @@
 #define CORVANE_BUFFER_BUFFER_QUEUE_H_
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <mutex>
@@ -87,6 +88,9 @@ class BufferQueue : public Semaphore, public StreamSink {
   static constexpr int kMonitorPeriodMs = 100;
   static constexpr int kMonitorStallChecks = 4;
   static constexpr int kMonitorMaxSilentRestarts = 3;
+  // A connection that ended before its first byte is tried again after
+  // kEmptyRetryBaseMs, doubled for each further empty one in a row.
+  static constexpr int kEmptyRetryBaseMs = 100;
 
   explicit BufferQueue(int bufferSize);
   ~BufferQueue() override;
@@ -200,6 +204,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   void awaitReaderCopy();
   bool writerCanGoOn();
   bool endReached(long long offset) const;
+  static long long steadyMs();
 
   void restartForReader();  // REQUIRES: streamLock_ held
   void stopMonitor();
@@ -267,6 +272,9 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long wakeLate_ = 0;         // wakeAt_ plus a margin for a writer at memory speed
   long long lastChunkNs_ = 0;      // steady time of the last chunk read in place
   int silentRestarts_ = 0;         // monitor restarts since the last delivered byte
+  bool answered_ = false;          // the source has reported a first answer
+  bool retryPending_ = false;      // an empty connection's retry waits for retryAfterMs_
+  long long retryAfterMs_ = 0;     // steady clock, milliseconds
   bool released_ = false;
   bool startPending_ = false;      // a connection start is on its way to workBegin
   long long knownEnd_ = -1;        // where a to-the-end connection found the content's end

@@ -15,6 +15,7 @@ void BufferQueue::resetStreaming() {
   CV_LOG(0, "activeWorkNum:%d", activeWorkNum_.load());
   streamLive_ = false;
   startPending_ = true;
+  retryPending_ = false;
   // A writer sleeping for a free block belongs to the superseded connection.
   if (writerWaiting_) streamLock_.notifyAll();
   {
@@ -45,6 +46,7 @@ void BufferQueue::notifyStreamException(int event) {
   }
   switch (event) {
     case EVENT_STREAM_NORMAL:
+      answered_ = true;
       if (status == STREAM_IDLE || contentSize_ == 0) {
         if (producer_ != nullptr) {
           contentSize_ = producer_->getContentSize();

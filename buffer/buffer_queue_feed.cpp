@@ -169,6 +169,12 @@ bool BufferQueue::needToFeed() {
   return !isHeld(offset);
 }
 
+long long BufferQueue::steadyMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
 bool BufferQueue::endReached(long long offset) const {
   return knownEnd_ >= 0 && offset >= knownEnd_;
 }
@@ -179,6 +185,7 @@ bool BufferQueue::endReached(long long offset) const {
 void BufferQueue::feedIfIdle() {
   if (!needToFeed()) return;
   if (streamLive_ && !connectionPending()) return;  // streamIn decides on its next chunk
+  if (retryPending_ && steadyMs() < retryAfterMs_) return;  // the monitor starts it
   CV_LOG(2, "begin to fragment streaming");
   fragmentStreaming(readOffset_, rdTail_);
 }
@@ -196,21 +203,26 @@ void BufferQueue::handlePartialEnd() {
   long long end = producerPos_;
   long long size = contentSize_;
   bool delivered = end > connectionBegin_;
-  if (!seekable_ && !delivered && connectionBegin_ > 0) {
-    // Ended while the source skipped from 0 towards the start asked for: it
-    // says nothing about where the content ends. The next reader wish (or
-    // the monitor) starts over; a server that never gets that far is given
-    // up after as many empty tries as the monitor allows.
+  if (!delivered && (size != 0 ? end < size : !answered_)) {
+    // A connection that brought no byte (dropped after its headers, before
+    // the source could say anything of the content, or at once later, or a source that skips from 0 ended before the offset asked
+    // for) says nothing about where the content ends: the size stays. It is
+    // tried again from the same place after a back-off that doubles with
+    // each empty connection in a row, so a server that always drops early
+    // is neither hammered nor waited for without end.
     if (++silentRestarts_ > kMonitorMaxSilentRestarts) {
       setStatus(STREAM_NOT_AVAILABLE);
       CV_LOG(-4, "source silent after %d restarts, stream given up", kMonitorMaxSilentRestarts);
       return;
     }
+    retryPending_ = true;
+    retryAfterMs_ = steadyMs() + (static_cast<long long>(kEmptyRetryBaseMs) << (silentRestarts_ - 1));
+    CV_LOG(0, "no need to continue another stream for fragment");
     CV_LOG(0, "wait for new feeding request");
     return;
   }
   long long told = producer_ != nullptr ? producer_->getContentSize() : 0;
-  if (delivered && told > 0 && told < size && told == end) {
+  if (told > 0 && told < size && told == end) {
     // A source that could not tell the size at the start (no length,
     // chunked, a range total of "*") knows it once a transfer reached the
     // end without fault; without this the queue would keep asking for bytes
@@ -218,26 +230,18 @@ void BufferQueue::handlePartialEnd() {
     contentSize_ = told;
     size = told;
     CV_LOG(0, "setFileSize: %lld", told);
-  } else if (connectionCount_ == 0 &&
-             (size == 0 || end > size || (!delivered && end < size && end > 0))) {
+  } else if (connectionCount_ == 0 && (size == 0 || end > size)) {
     // A connection asked for everything ended here: that is the content's
-    // size (also when it ended at once, before the announced size).
+    // size.
     contentSize_ = end;
     size = end;
     CV_LOG(0, "setFileSize: %lld", end);
   }
   if (size != 0 && end < size) {
     // Carried on at once while the connection made progress, whether or not
-    // the source can seek (one that cannot skips to the offset itself); a
-    // connection that ended before its first byte waits for a reader's wish
-    // or the monitor, so a server that always drops early is not hammered.
-    if (delivered) {
-      CV_LOG(0, "begin to fragment streaming");
-      fragmentStreaming(end, wtHead_);
-    } else {
-      CV_LOG(0, "no need to continue another stream for fragment");
-      CV_LOG(0, "wait for new feeding request");
-    }
+    // the source can seek (one that cannot skips to the offset itself).
+    CV_LOG(0, "begin to fragment streaming");
+    fragmentStreaming(end, wtHead_);
     return;
   }
   if (connectionCount_ == 0) knownEnd_ = end;
@@ -314,6 +318,13 @@ void BufferQueue::fillMonitor() {
   }
   blockedChecks_ = 0;
   blockedReader_ = -1;
+  if (retryPending_) {
+    if (readerWaiting_ && !streamLive_ && !connectionPending() && steadyMs() >= retryAfterMs_) {
+      CV_LOG(0, "retry after an empty connection from %lld", readOffset_.load());
+      restartForReader();
+    }
+    return;
+  }
   // An HTTP transfer runs inside the worker; its own stall detection rules.
   if (!readerWaiting_ || workerBusy_ || writerWaiting_ || activity_ != lastActivity_) {
     lastActivity_ = activity_;

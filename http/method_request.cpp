@@ -113,6 +113,7 @@ int MethodRequest::executeGet(std::string const& url, long long from, long long 
     intervalBytes = 0;
     intervalStart = timeval{};
     resetHeaders();
+    ++performs;
     code = curl_easy_perform(curl);
     limiter.CalAvgSpeed();
 

@@ -110,6 +110,10 @@ class MethodRequest : public util::Semaphore {
   // The response code of the running transfer (0 before a status line).
   // Only on the transfer's thread, e.g. inside Requestor::receive.
   long getResponseCode();
+  // Counts the performs of this request (two for a transfer retried after a
+  // 416); a receiver tells the first chunk of each answer by it. Transfer
+  // thread only.
+  unsigned performSerial() const { return performs; }
 
   // Header analysis (method_request_headers.cpp).
   int headerContentIn(void* data, unsigned long size, unsigned long count);
@@ -161,6 +165,7 @@ class MethodRequest : public util::Semaphore {
   unsigned long armedStopCount = 0;
   bool armed = false;
   long stallLimitSeconds = 35;      // transfer thread only
+  unsigned performs = 0;            // transfer thread only
   CURL* curl = nullptr;
   // Stall-check times in microseconds; transfer thread only.
   long lifeCount = -1;

@@ -116,6 +116,7 @@ void HttpFileRequest::sendRequest() {
     CV_LOG(-4, "server not support seek, but requestOffset is %lld, so download data from 0", from);
     start = 0;
   }
+  requestStart = start;
   int result = method.executeGet(location, start, last, version);
   CV_LOG(0, "errorCode:%d", result);
   int event = eventForResult(result);
@@ -188,7 +189,7 @@ int HttpFileRequest::eventForResult(int result) {
 }
 
 int HttpFileRequest::receive(void* data, int size, void* curl, int ver) {
-  if (!headerChecked && !analyseFirstChunk(curl)) return 0;
+  if (method.performSerial() != checkedPerform && !checkAnswer(curl)) return 0;
   if (out != nullptr && !deliver(data, size, ver)) {
     CV_LOG(0, "to terminate http perform");
     return 0;
@@ -196,6 +197,34 @@ int HttpFileRequest::receive(void* data, int size, void* curl, int ver) {
   if (running.load(std::memory_order_relaxed)) return size;
   spinWhileStopWait(true);
   return 0;
+}
+
+bool HttpFileRequest::checkAnswer(void* curl) {
+  checkedPerform = method.performSerial();
+  received = 0;
+  if (!headerChecked) {
+    if (!analyseFirstChunk(curl)) return false;
+  } else {
+    // Size and seekability were settled by the source's first answer; a
+    // later one (a reconnection, a seek) may still be an error page, whose
+    // body is not content. The transfer's result carries the code.
+    long code = method.getResponseCode();
+    if (code >= 400) {
+      CV_LOG(-4, "error, the server send %d respond code", static_cast<int>(code));
+      return false;
+    }
+    if (code != 0 && code != 200 && code != 206) {
+      wakeWaiters();
+      if (out != nullptr) out->notifyStreamException(util::EVENT_STREAM_ERROR);
+      CV_LOG(0, "http error %d", static_cast<int>(code));
+      return false;
+    }
+  }
+  // Only a 206 to a request with a range begins where it was asked to: a
+  // request sent without one (an "hbbtv" location, a server that answered
+  // 416) or a server that ignored it sends the content from its start.
+  bodyStart = method.getResponseCode() == 206 && method.isRangeGet() ? requestStart : 0;
+  return true;
 }
 
 bool HttpFileRequest::analyseFirstChunk(void* curl) {
@@ -286,17 +315,17 @@ void HttpFileRequest::takeUnknownSize(long code, MethodRequest& method, FirstAns
 
 bool HttpFileRequest::deliver(void* data, int size, int ver) {
   bool accepted;
-  if (seekable.load(std::memory_order_relaxed) || from == 0) {
-    received += size;
+  long long chunkStart = bodyStart + received;
+  received += size;
+  if (chunkStart >= from) {
     accepted = out->streamIn(data, static_cast<unsigned long>(size), ver);
     spinWhileStopWait(true);
   } else {
-    // The transfer began at 0 because the server cannot start elsewhere:
-    // only the bytes from `from` on are what the queue asked for.
-    long long chunkStart = received;
-    received += size;
-    if (received <= from) return true;
-    long long skip = from > chunkStart ? from - chunkStart : 0;
+    // The answer began before `from` (at 0: a source that cannot seek, or a
+    // request without a range): only the bytes from `from` on are what the
+    // queue asked for.
+    if (chunkStart + size <= from) return true;
+    long long skip = from - chunkStart;
     accepted = out->streamIn(static_cast<char*>(data) + skip,
                              static_cast<unsigned long>(size - skip), ver);
     spinWhileStopWait(false);

@@ -115,6 +115,10 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
   bool analyseFirstChunk(void* curl);
   // The size once the Content-Length of a 200/206 answer was found unusable.
   static void takeUnknownSize(long code, MethodRequest& method, FirstAnswer* answer);
+  // The first chunk of every answer, the first of the source's life
+  // included: false when the answer is an error whose body must not reach
+  // the sink. Notes where the answer's body starts.
+  bool checkAnswer(void* curl);
   // Pushes one chunk into the sink; false when the sink refused it.
   bool deliver(void* data, int size, int version);
   // The event and download status for a result of executeGet.
@@ -133,6 +137,9 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
   std::atomic<bool> seekable{false};
   long long count = 0;
   long long from = 0;
+  long long requestStart = 0;   // offset the current transfer asked for
+  long long bodyStart = 0;      // offset of the first byte of the current answer
+  unsigned checkedPerform = 0;  // method.performSerial() of the last answer checked
   bool headerChecked = false;
   int version = 0;
   std::atomic<bool> running{false};

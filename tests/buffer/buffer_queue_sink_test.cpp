@@ -96,8 +96,10 @@ TEST(BufferQueueSink, EveryEventMovesTheStatusAsDocumented) {
       {util::EVENT_STREAM_ERROR, 1000, BufferQueue::STREAM_ERROR, "reset cause of STREAM_ERROR",
        true},
       {util::EVENT_STREAM_DEAD, 1000, BufferQueue::STREAM_IDLE, "reset cause of STREAM_DEAD", true},
-      {util::EVENT_STREAM_PARTIAL_END, 0, BufferQueue::STREAM_END,
-       "Read end of file and notify all other thread to execute", false},
+      // Before any answer: the connection said nothing of the content, so it
+      // is tried again later instead of ending the stream.
+      {util::EVENT_STREAM_PARTIAL_END, 0, BufferQueue::STREAM_IDLE,
+       "wait for new feeding request", false},
       {util::EVENT_STREAM_TIMEOUT, 1000, BufferQueue::STREAM_TIMEOUT,
        "reset stream cause of timeout", true},
       {util::EVENT_STREAM_NOT_FOUND, 1000, BufferQueue::STREAM_NOT_FOUND, "File not found", false},

@@ -75,6 +75,73 @@ INSTANTIATE_TEST_SUITE_P(
         FailureCase{"ConnectionRefused", Place::ClosedPort, 0, -1, -8, 5, SMFR_NOT_FOUND}),
     [](const ::testing::TestParamInfo<FailureCase>& p) { return p.param.name; });
 
+// Answers after the first one: an error page never reaches the reader as
+// content, and an answer that starts at 0 (a request without a range: an
+// "hbbtv" location, or the retry after a 416) is skipped up to the offset
+// wanted. On a seek and on the reconnection after a drop.
+struct LaterAnswerCase {
+  const char* name;
+  const char* path;
+  int status;      // of the later answers (0: content)
+  int rangeStatus; // of the later answers to a request with a range
+  bool seek;       // far seek, else read on over a drop at kDrop
+  int code;        // of the read: SMFR_OK when it completes
+  bool lastRanged; // whether the last request carried a range
+};
+
+void PrintTo(const LaterAnswerCase& c, std::ostream* os) { *os << c.name; }
+
+class LaterAnswer : public ::testing::TestWithParam<LaterAnswerCase> {};
+
+TEST_P(LaterAnswer, OnlyContentBytesAtTheirOffsets) {
+  const LaterAnswerCase& c = GetParam();
+  constexpr long long kDrop = 300000;
+  constexpr long long kSeekTo = 3 << 20;
+  Script s;
+  s.size = 4 << 20;
+  if (!c.seek) s.dropPlan = {kDrop, -1};
+  auto later = std::make_shared<Script>();
+  later->size = s.size;
+  later->status = c.status;
+  later->body = std::string(5000, 'E');
+  later->rangeStatus = c.rangeStatus;
+  s.after = later;
+  ScriptedHttpServer server(s);
+  Handle h(server.url(c.path));
+  ASSERT_EQ(h.opened, SMFR_OK);
+  int code = 0;
+  long long at = 0;
+  long long want = 1 << 20;
+  if (c.seek) {
+    ASSERT_TRUE(isPatternAt(readBytes(h.id, 100000, 50000, &code), 0, 100000));
+    long long cur = -1;
+    ASSERT_EQ(x_smart_file_seek(h.id, kSeekTo, &cur), SMFR_OK);
+    at = kSeekTo;
+    want = 200000;
+  }
+  std::string bytes = readBytes(h.id, want, 50000, &code);
+  EXPECT_TRUE(isPatternAt(bytes, at, static_cast<long long>(bytes.size())));
+  EXPECT_EQ(code, c.code);
+  if (c.code == SMFR_OK) EXPECT_EQ(static_cast<long long>(bytes.size()), want);
+  // An error page is not held either, where the reader stopped or beyond.
+  if (c.code != SMFR_OK) EXPECT_EQ(x_smart_file_bufferedSize(h.id), 0);
+  if (!c.seek) EXPECT_GE(static_cast<long long>(bytes.size()), kDrop);
+  std::vector<RecordedRequest> requests = server.requests();
+  ASSERT_GE(requests.size(), 2u);
+  EXPECT_EQ(requests.back().hasHeader("Range"), c.lastRanged);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Answers, LaterAnswer,
+    ::testing::Values(
+        LaterAnswerCase{"UnavailableOnReconnect", "/f", 503, 0, false, SMFR_NOT_AVAILABLE, true},
+        LaterAnswerCase{"NotFoundOnSeek", "/f", 404, 0, true, SMFR_NOT_FOUND, true},
+        LaterAnswerCase{"RangeRefusedOnReconnect", "/f", 0, 416, false, SMFR_OK, false},
+        LaterAnswerCase{"RangeRefusedOnSeek", "/f", 0, 416, true, SMFR_OK, false},
+        LaterAnswerCase{"HbbtvOnReconnect", "/hbbtv/f", 0, 0, false, SMFR_OK, false},
+        LaterAnswerCase{"HbbtvOnSeek", "/HBBTV/f", 0, 0, true, SMFR_OK, false}),
+    [](const ::testing::TestParamInfo<LaterAnswerCase>& p) { return p.param.name; });
+
 // With feature flag 1 every stall is cut after about four seconds and the
 // next connection goes on from the bytes held.
 TEST(HttpFaults, StallsAreCutAfterFourSecondsWithFeatureFlagOne) {

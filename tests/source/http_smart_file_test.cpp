@@ -3,6 +3,7 @@
 // pattern at its offset; the HTTP options set through the handle as the
 // server sees them.
 #include <chrono>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -137,6 +138,8 @@ struct SizeCase {
   bool chunked;
   bool unknownTotal;
 };
+
+void PrintTo(const SizeCase& c, std::ostream* os) { *os << c.name; }
 
 class SizeAnswer : public ::testing::TestWithParam<SizeCase> {};
 

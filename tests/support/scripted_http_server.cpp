@@ -230,7 +230,9 @@ Script ScriptedHttpServer::scriptFor(const std::string& target, int* connectionI
   std::string path = pathOf(target);
   *connectionIndex = servedPerPath_[path]++;
   auto it = routes_.find(path);
-  return it == routes_.end() ? default_ : it->second;
+  const Script& s = it == routes_.end() ? default_ : it->second;
+  if (s.after && *connectionIndex >= s.afterConnections) return *s.after;
+  return s;
 }
 
 void ScriptedHttpServer::serve(int fd) {
@@ -343,6 +345,10 @@ void ScriptedHttpServer::serve(int fd) {
       (!body.empty() && !sendAll(fd, body.data(), body.size()))) {
     finish();
     return;
+  }
+  if (!s.dropPlan.empty()) {
+    s.dropAfter = s.dropPlan[std::min<size_t>(static_cast<size_t>(index), s.dropPlan.size() - 1)];
+    s.dropTimes = -1;
   }
   bool drop = s.dropAfter >= 0 && (s.dropTimes < 0 || index < s.dropTimes);
   bool stall = s.stallAfter >= 0 && (s.stallTimes < 0 || index < s.stallTimes);

@@ -56,12 +56,20 @@ struct Script {
   int longHeaderBytes = 0;          // pad the block with X-Pad lines to about this many bytes
   long long dropAfter = -1;         // close the connection after N body bytes...
   int dropTimes = -1;               // ...on the first K connections (-1: every time)
+  // Per connection, in order: body bytes before the close (-1: no drop).
+  // Connections past the list drop as the last entry says. Overrides
+  // dropAfter when not empty.
+  std::vector<long long> dropPlan;
   long long stallAfter = -1;        // after N body bytes, send nothing for...
   int stallMs = 0;                  // ...this long (then go on)
   int stallTimes = -1;              // on the first K connections (-1: every time)
   int trickleBytes = 0;             // send this many bytes...
   int trickleMs = 0;                // ...then pause this long
   int headerDelayMs = 0;            // wait before the status line
+  // When set, connections from the `afterConnections`-th on (counted from
+  // 0) are answered by this script instead.
+  std::shared_ptr<const Script> after;
+  int afterConnections = 1;
   // When set, these bytes are the content instead of the pattern (a real
   // media file, say) and `size` is taken from them.
   std::shared_ptr<const std::string> content;
