@@ -83,8 +83,9 @@ class MethodRequest : public util::Semaphore {
   int getIpType();
   bool isRangeGet() const { return rangeGet.load(std::memory_order_relaxed); }
 
-  // Copies the peer address of the last connection into `ip_buf` (at least
-  // 46 bytes). 0 on success, -1 for a null buffer.
+  // Copies the peer address of the last connection, text and terminator
+  // only, into `ip_buf` (16 bytes hold an IPv4 address, 46 any). 0 on
+  // success, -1 for a null buffer.
   int getUrlIP(char* ip_buf);
   // The socket error (errno) of the last transfer.
   long getErrno() const { return osErrno.load(std::memory_order_relaxed); }

@@ -157,14 +157,14 @@ int MethodRequest::getIpType() {
 
 int MethodRequest::getUrlIP(char* ip_buf) {
   if (ip_buf == nullptr) {
-    CV_LOG(0, "Error, input ip_buf shouldn't be NULL");
+    CV_LOG(-4, "Error, input ip_buf shouldn't be NULL");
     return -1;
   }
   util::SyncGuard guard(*this);
-  // INET6_ADDRSTRLEN bytes always fit the text of either family.
-  std::strncpy(ip_buf, peerAddress.c_str(), INET6_ADDRSTRLEN - 1);
-  ip_buf[INET6_ADDRSTRLEN - 1] = '\0';
-  CV_LOG(0, "URL IP: %s\n", ip_buf);
+  // Only the text and its terminator: callers size the buffer for the
+  // address they expect (16 bytes hold any IPv4 text).
+  std::memcpy(ip_buf, peerAddress.c_str(), peerAddress.size() + 1);
+  CV_LOG(2, "URL IP: %s\n", ip_buf);
   return 0;
 }
 

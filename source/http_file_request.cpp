@@ -33,7 +33,7 @@ int retriedUnderGJZ(bool gjz, char const* gjzLine, int gjzEvent, char const* oth
     CV_LOG(0, "%s", gjzLine);
     return gjzEvent;
   }
-  if (otherLine != nullptr) CV_LOG(0, "%s", otherLine);
+  if (otherLine != nullptr) CV_LOG(-4, "%s", otherLine);
   return util::EVENT_STREAM_NOT_FOUND;
 }
 

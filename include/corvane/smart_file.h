@@ -238,8 +238,9 @@ char* x_smart_file_http_get_server_name(int handle);  /* library-owned, never fr
 int x_smart_file_http_get_download_status(int handle);
 
 /* Writes the address the download connected to, as zero-terminated text
- * ("" before the first connection), into `ip`, which must hold at least 46
- * bytes (INET6_ADDRSTRLEN). SMFR_OK; SMFR_NOT_HTTP (-1) on a local file or
+ * ("" before the first connection), into `ip`: the text and its terminator
+ * only, so 16 bytes hold an IPv4 address and 46 (INET6_ADDRSTRLEN) any
+ * address. SMFR_OK; SMFR_NOT_HTTP (-1) on a local file or
  * for a null `ip`; SMFR_FAILED for a bad handle. */
 int x_smart_file_http_get_url_ip(int handle, char* ip);
 
