@@ -192,7 +192,10 @@ bool BufferQueue::fill(long long offset, unsigned long size, char* buffer, unsig
     relocateReader(at);
     BufferBlock* tail = *rdTail_;
     if (tail->willContained(at)) {
-      if (*got > 0) CV_LOG(2, "second fill %d, %d", 1, static_cast<int>(*got));
+      if (*got > 0) {
+        CV_LOG(2, mode == 1 ? "second fill %d, %d" : "second fill2 %d, %d", 1,
+               static_cast<int>(*got));
+      }
       CV_LOG(2, mode == 1 ? "begin to easyFill from %lld, count:%d"
                           : "begin to backward easyFill from %lld, count:%d",
              at, static_cast<int>(size - *got));
@@ -217,26 +220,47 @@ bool BufferQueue::fill(long long offset, unsigned long size, char* buffer, unsig
     long long known = contentSize_;
     if (known != 0 && at >= known) return true;
     if (endReached(at)) return *got > 0;
+    // Backward, the reader either stands in a gap behind held blocks or
+    // before the first block held; each has its own lines.
+    bool inGap = mode == 2 && !tail->isUnused() && tail->getBeginningSeqNum() <= at;
+    const char* breakText = "break out at fill FORWARD";
+    const char* wakeText = "wake up in fill";
     if (mode == 1) {
       CV_LOG(2, "wait and feeding = true seq=%lld, read:%lld, read id=%d, wtHead id=%d, wtHead:%lld",
              at, tail->getBeginningSeqNum(), static_cast<int>(tail->index),
              static_cast<int>((*wtHead_)->index), (*wtHead_)->getBeginningSeqNum());
       if (seekable_) feedRequested_ = true;
       CV_LOG(2, "wait in fill");
+    } else if (inGap) {
+      CV_LOG(2,
+             "wait in backword finding  readOffset=%lld, read:%lld, read id=%d, wtHead id=%d, "
+             "wtHead:%lld",
+             at, tail->getBeginningSeqNum(), static_cast<int>(tail->index),
+             static_cast<int>((*wtHead_)->index), (*wtHead_)->getBeginningSeqNum());
+      feedRequested_ = true;
+      breakText = "break out at fill BACKWARD";
+      wakeText = "wake up in fill3";
     } else {
       CV_LOG(2, "wait in the first block, rd:%lld, offset:%lld", tail->getBeginningSeqNum(), at);
       feedRequested_ = true;
+      breakText = "break out fill BACKWARD";
+      wakeText = "wake up in fill BACKWARD";
     }
     // Woken once the writer holds all this read still wants (or the write
     // point jumps elsewhere, or its connection ends), not at every chunk on
     // the way there.
     long long wakeAt = at + static_cast<long long>(size - *got);
     if (known != 0 && wakeAt > known) wakeAt = known;
-    if (!waitForData(wakeAt,
-                     mode == 1 ? "break out at fill FORWARD" : "break out at fill BACKWARD")) {
-      return false;
+    if (!waitForData(wakeAt, breakText)) return false;
+    CV_LOG(2, "%s", wakeText);
+    if (mode == 2 && !inGap && !seekable_ && (*blocks_.begin())->getBeginningSeqNum() == 0) {
+      // A source that cannot seek came back from its start: the bytes
+      // wanted now arrive in order, as for any forward read.
+      CV_LOG(1,
+             "streaming is not seekable, upper layer seek to previous position, lumora need "
+             "reconnect stream and read from begin of stream, so need to read forward\n");
+      mode = 1;
     }
-    CV_LOG(2, mode == 1 ? "wake up in fill" : "wake up in fill BACKWARD");
   }
 }
 

@@ -2,6 +2,7 @@
 // request on the wire, the range retry, the result codes and stop().
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -176,15 +177,25 @@ TEST(MethodRequestTransfer, RefusedChunkEndsWithWriteError) {
 
 TEST(MethodRequestTransfer, PeerAddressIsReportedAndNullBufferRefused) {
   ScriptedHttpServer server(sized(100));
-  LogCapture log(0);
   Transfer t;
-  EXPECT_EQ(t.method.getUrlIP(nullptr), -1);
-  EXPECT_TRUE(log.contains("Error, input ip_buf shouldn't be NULL"));
+  {
+    LogCapture log(-4);
+    EXPECT_EQ(t.method.getUrlIP(nullptr), -1);
+    EXPECT_TRUE(log.contains("Error, input ip_buf shouldn't be NULL"));
+  }
   ASSERT_EQ(t.get(server.url()), 0);
-  char ip[64] = {0};
-  EXPECT_EQ(t.method.getUrlIP(ip), 0);
-  EXPECT_STREQ(ip, "127.0.0.1");
-  EXPECT_TRUE(log.contains("URL IP: 127.0.0.1\n"));
+  for (int level : {1, 2}) {
+    LogCapture log(level);
+    // An IPv4 address and its terminator fit 16 bytes; nothing is written
+    // past them.
+    char guarded[4 + 16 + 4];
+    std::memset(guarded, 'G', sizeof(guarded));
+    EXPECT_EQ(t.method.getUrlIP(guarded + 4), 0);
+    EXPECT_STREQ(guarded + 4, "127.0.0.1");
+    EXPECT_EQ(std::string(guarded, 4), "GGGG");
+    EXPECT_EQ(std::string(guarded + 4 + 10, 10), std::string(10, 'G'));
+    EXPECT_EQ(log.contains("URL IP: 127.0.0.1\n"), level >= 2) << level;
+  }
 }
 
 // A handle starts as IPv4 only and cannot reach [::1]; resolving IPv6 does.

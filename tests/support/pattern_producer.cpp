@@ -29,7 +29,9 @@ int PatternProducer::startStreaming(int version, long long from, long long count
   stop_ = false;
   running_ = true;
   std::lock_guard<std::mutex> lock(mutex_);
-  thread_ = std::thread(&PatternProducer::run, this, version, seekable_ ? from : 0);
+  // A source that cannot seek starts over at 0 and skips to `from` itself
+  // (as the HTTP source does); the queue sees the same bytes either way.
+  thread_ = std::thread(&PatternProducer::run, this, version, from);
   return 0;
 }
 
