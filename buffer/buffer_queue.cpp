@@ -89,10 +89,8 @@ void BufferQueue::release() {
   // Scheduled restarts are withdrawn first so none can start the worker
   // again once it is stopped below.
   waitForTasks();
-  if (producer_ != nullptr) {
-    producer_->setBreak();
-    producer_->stopStreaming();
-  }
+  if (producer_ != nullptr) producer_->setBreak();
+  stopProducerRun();
   worker_.stop(true);
 }
 

@@ -91,6 +91,9 @@ class BufferQueue : public Semaphore, public StreamSink {
   // A connection that ended before its first byte is tried again after
   // kEmptyRetryBaseMs, doubled for each further empty one in a row.
   static constexpr int kEmptyRetryBaseMs = 100;
+  // How often a stop is repeated while the worker's run has not left the
+  // producer (see stopProducerRun).
+  static constexpr int kStopRetryMs = 10;
 
   explicit BufferQueue(int bufferSize);
   ~BufferQueue() override;
@@ -130,6 +133,9 @@ class BufferQueue : public Semaphore, public StreamSink {
   void workBegin();
   void startWorker();
   void stopWorker();
+  // Stops the producer's connection and returns once the worker's run has
+  // left the producer. Blocks.
+  void stopProducerRun();
   bool needExit();  // REQUIRES: streamLock_ held (or no writer running)
   static void reconnectTask(void* queue, TEngineEvent_E event);
   void dumpBuffer(bool unused);

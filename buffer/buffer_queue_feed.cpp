@@ -184,7 +184,21 @@ bool BufferQueue::endReached(long long offset) const {
 // the monitor). REQUIRES: streamLock_ held.
 void BufferQueue::feedIfIdle() {
   if (!needToFeed()) return;
-  if (streamLive_ && !connectionPending()) return;  // streamIn decides on its next chunk
+  if (streamLive_ && !connectionPending()) {
+    // The running connection's next chunk decides (streamIn), unless these
+    // bytes are plainly not on its way: then it is given up now, since its
+    // next chunk may be far off (a speed limit holds the producer between
+    // chunks) and the reader would wait for it. A source that cannot seek
+    // is left to come by, as streamIn does.
+    long long offset = readOffset_;
+    long long writeBegin = (*wtHead_)->getBeginningSeqNum();
+    long long writeEnd = (*wtHead_)->endSeqNum();
+    bool onItsWay = offset >= writeBegin && offset - writeEnd < kNearDistance;
+    if (!seekable_ || onItsWay) return;
+    CV_LOG(2, "begin to fragment streaming");
+    fragmentStreaming(offset, rdTail_);
+    return;
+  }
   if (retryPending_ && steadyMs() < retryAfterMs_) return;  // the monitor starts it
   CV_LOG(2, "begin to fragment streaming");
   fragmentStreaming(readOffset_, rdTail_);

@@ -1,6 +1,8 @@
 // BufferQueue, worker side: the feeding worker that starts each connection,
 // and the reconnection task that restarts it on an engine thread.
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
 #include "buffer/buffer_queue.h"
 #include "diag/log.h"
@@ -107,9 +109,25 @@ void BufferQueue::startWorker() {
   if (!worker_.start(this)) std::fprintf(stderr, "%s\n", kStartWorkerFailed);
 }
 
+void BufferQueue::stopProducerRun() {
+  if (producer_ == nullptr) return;
+  producer_->stopStreaming();
+  // A stop that lands while the worker is between its decision and the
+  // producer's start finds nothing to stop, and the run would then carry a
+  // superseded connection until its first chunk is refused, or a silent
+  // server's first-byte limit. Stopping again until the run is over closes
+  // that gap; a run that is really stopped ends within one turn.
+  SyncGuard guard(streamLock_);
+  while (workerBusy_) {
+    SyncUnguard unguard(streamLock_);
+    std::this_thread::sleep_for(std::chrono::milliseconds(kStopRetryMs));
+    producer_->stopStreaming();
+  }
+}
+
 void BufferQueue::stopWorker() {
   CV_LOG(0, "stopWorker in ");
-  if (producer_ != nullptr) producer_->stopStreaming();
+  stopProducerRun();
   CV_LOG(0, "stop worker begin");
   worker_.stop(false);
   CV_LOG(0, "stop worker end");

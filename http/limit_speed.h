@@ -14,6 +14,8 @@ namespace webs {
 
 class LimitSpeed {
  public:
+  static constexpr long long kSliceMs = 50;
+
   LimitSpeed();
 
   // Now in milliseconds of the wall clock (gettimeofday).
@@ -22,7 +24,12 @@ class LimitSpeed {
   void InitSpeed();
   void setMaxSpeed(long long bytesPerSecond) { maxSpeed.store(bytesPerSecond, std::memory_order_relaxed); }
   // Counts `bytes`; with a limit set, sleeps until the bytes so far fit it.
+  // The sleep goes in short slices: it ends early on interrupt(), and a
+  // limit changed meanwhile counts from the change on.
   void Limitspeed(unsigned long bytes);
+  // Ends a sleep in Limitspeed now and any until the next InitSpeed (the
+  // transfer is being stopped). From any thread.
+  void interrupt() { interrupted.store(true, std::memory_order_relaxed); }
   void CalAvgSpeed();
   long long GetAvgSpeed() const { return avgSpeed.load(std::memory_order_relaxed); }
 
@@ -36,6 +43,13 @@ class LimitSpeed {
   std::atomic<long long> startMs{0};
   std::atomic<long long> maxSpeed{0};  // bytes per second; 0: no limit
   std::atomic<long long> avgSpeed{0};
+  std::atomic<bool> interrupted{false};
+  // The throttle's own account, transfer thread only: bytes and start since
+  // the limit in force was set, so that a new limit never pays back (or
+  // lends) the time of the old one.
+  long long limitBytes = 0;
+  long long limitStartMs = 0;
+  long long limitInForce = 0;
 };
 
 }  // namespace webs

@@ -192,6 +192,9 @@ void MethodRequest::stop() {
   CV_LOG(0, "MethodRequest begin to stop active = %d", active);
   stopWait.store(false, std::memory_order_relaxed);
   ++stopCount;
+  // A transfer held back by the speed limit sleeps in its body callback;
+  // it must come out to see the stop.
+  limiter.interrupt();
   if (active != 0) {
     active = 0;
     CV_LOG(1, "notify curl to stop and wait stop end");

@@ -3,10 +3,10 @@
 #include <curl/curl.h>
 
 #include <chrono>
+#include <thread>
 
 #include "diag/log.h"
 #include "http/transfer_result.h"
-#include "thread/rude_timer.h"
 #include "thread/sync_guard.h"
 
 namespace webs {
@@ -333,22 +333,23 @@ bool HttpFileRequest::deliver(void* data, int size, int ver) {
   return accepted;
 }
 
-void HttpFileRequest::spinWhileStopWait(bool logEachTurn) {
+void HttpFileRequest::spinWhileStopWait(bool logTheWait) {
   // The queue sets the stop-wait mark while it prepares a stop; the chunk
-  // path holds still until method.stop() clears it. A millisecond per turn
-  // keeps the spin from burning a core. The wait is bounded: the queue may
-  // set the mark and then decide not to restart (a start of its own is
-  // already on its way), and that start needs this very thread, so an
-  // unbounded spin would never end. A mark no stop followed within
-  // kStaleStopWaitMs is dropped and the transfer goes on.
+  // path holds still until method.stop() clears it, a millisecond's sleep
+  // per turn and one line per wait. The wait is bounded: the queue may set
+  // the mark and then decide not to restart (a start of its own is already
+  // on its way), and that start needs this very thread, so an unbounded
+  // wait would never end. A mark no stop followed within kStaleStopWaitMs is
+  // dropped and the transfer goes on.
+  if (!method.getStopWait()) return;
+  if (logTheWait) CV_LOG(0, "wait stop flag");
   auto began = std::chrono::steady_clock::now();
   while (method.getStopWait()) {
-    if (logEachTurn) CV_LOG(0, "wait stop flag");
     if (std::chrono::steady_clock::now() - began >= std::chrono::milliseconds(kStaleStopWaitMs)) {
       method.clearStopWait();
       break;
     }
-    util::delay(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 

@@ -123,7 +123,7 @@ class HttpFileRequest : public FileRequest, public Requestor, public util::Semap
   bool deliver(void* data, int size, int version);
   // The event and download status for a result of executeGet.
   int eventForResult(int result);
-  void spinWhileStopWait(bool logEachTurn);
+  void spinWhileStopWait(bool logTheWait);
   void wakeWaiters();
   // The common path of the string option setters: logs `value` with the
   // setter's line, keeps it when the setter keeps a copy, forwards it to

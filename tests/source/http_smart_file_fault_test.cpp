@@ -226,6 +226,47 @@ TEST(HttpFaults, UnresolvableHostIsToldAtTheDefaultLevel) {
   EXPECT_TRUE(log.contains("NO GJZ CASE, couldn't resolve host"));
 }
 
+// A transfer held back by a speed limit sleeps in its body callback: a
+// close, a far seek and a lower limit still take effect at once, and a stop
+// in the making does not flood the log.
+TEST(HttpFaults, SpeedLimitedTransferAnswersAtOnce) {
+  enum Action { kClose, kFarSeek, kLowerLimit };
+  for (Action action : {kClose, kFarSeek, kLowerLimit}) {
+    SCOPED_TRACE(action);
+    Script s;
+    s.size = 16 << 20;
+    ScriptedHttpServer server(s);
+    LogCapture log(0);
+    // Two blocks: what the reader gets next has to come through the limit.
+    // At 4 kB/s the chunk that brought the first bytes holds the transfer
+    // for seconds.
+    int id = -1;
+    ASSERT_EQ(x_smart_file_open_x(server.url().c_str(), &id, 65536), SMFR_OK);
+    ASSERT_EQ(x_smart_file_http_set_speed(id, action == kLowerLimit ? 4 << 20 : 4000),
+              SMFR_OK);
+    int code = 0;
+    const long long first = action == kLowerLimit ? 1 << 20 : 1000;
+    ASSERT_TRUE(isPatternAt(readBytes(id, first, 50000, &code), 0, first)) << code;
+    auto began = Clock::now();
+    if (action == kClose) {
+      EXPECT_EQ(x_smart_file_close(id), SMFR_OK);
+      id = -1;
+    } else if (action == kFarSeek) {
+      long long cur = -1;
+      ASSERT_EQ(x_smart_file_seek(id, 12 << 20, &cur), SMFR_OK);
+      ASSERT_TRUE(isPatternAt(readBytes(id, 1000, 1000, &code), 12 << 20, 1000)) << code;
+    } else {
+      // At 200 kB/s the next 100 kB take about half a second; paying back
+      // the first MiB at the new rate would take five.
+      ASSERT_EQ(x_smart_file_http_set_speed(id, 200000), SMFR_OK);
+      ASSERT_TRUE(isPatternAt(readBytes(id, 100000, 50000, &code), first, 100000)) << code;
+    }
+    EXPECT_LT(secondsSince(began), 2.0);
+    EXPECT_LE(log.count("wait stop flag"), 2);
+    if (id > 0) EXPECT_EQ(x_smart_file_close(id), SMFR_OK);
+  }
+}
+
 TEST(HttpFaults, CloseReturnsAReadBlockedOnAStalledServer) {
   ScriptedHttpServer server(stallingAfter(65536, 60000, 4 << 20));
   Handle h(server.url());
