@@ -145,54 +145,53 @@ void DullFile::readTask(void* arg, util::TEngineEvent_E event) {
   ReadRequestRecord* record = static_cast<ReadRequestRecord*>(arg);
   CV_LOG(1, "(((((((((((( request count :%d: & buffer is: %p))))))))))))",
          static_cast<int>(record->size), static_cast<void*>(record->buf));
+  DullFile* dull = record->dull;
+  int status = ASYNC_READ_CANCELLED;
+  unsigned long n = 0;
   if (event == util::TENGINE_EVENT_CANCEL) {
     CV_LOG(1, "cancel async read %d", record->reqID);
-    if (record->callback) record->callback(record->reqID, record->userdata, ASYNC_READ_CANCELLED, 0);
   } else {
-    DullFile* self = record->dull;
-    unsigned long n = 0;
     int r;
     {
-      util::SyncGuard guard(*self);
-      r = self->read(record->buf, record->size, record->position, &n, record->file);
+      util::SyncGuard guard(*dull);
+      r = dull->read(record->buf, record->size, record->position, &n, record->file);
     }
-    int status;
     if (r == kEof || r == 0) {
       CV_LOG(1, "async read %d ok in perform ((((((()))))))", static_cast<int>(n));
       // The handle may have been closed while its read ran (only the last
       // close waits for the file's tasks): its SmartFile is then gone. A
       // close dereferences under referenceLock before destroying it.
-      util::SyncGuard guard(self->referenceLock);
-      if (std::find(self->references.begin(), self->references.end(), record->file) !=
-          self->references.end()) {
+      util::SyncGuard guard(dull->referenceLock);
+      if (std::find(dull->references.begin(), dull->references.end(), record->file) !=
+          dull->references.end()) {
         record->file->newPosMovedByDullFile(record->position,
                                             record->position + static_cast<long long>(n));
       }
       status = r == kEof ? ASYNC_READ_EOF : ASYNC_READ_DONE;
-    } else if (record->cancelled) {
-      CV_LOG(1, "async read fail %d", r);
-      status = ASYNC_READ_CANCELLED;
     } else {
       CV_LOG(1, "async read fail %d", r);
-      status = ASYNC_READ_FAILED;
+      status = record->cancelled ? ASYNC_READ_CANCELLED : ASYNC_READ_FAILED;
     }
-    if (record->callback) record->callback(record->reqID, record->userdata, status, static_cast<int>(n));
   }
-  DullFile* dull = record->dull;
+  // The last touch of the file comes before the callback: the callback may
+  // close the file's last handle (whose close waits for this count) or open
+  // and close others, so nothing here may wait on it. The record and its id
+  // live on, apart from the file, until the callback has returned.
   {
-    util::SyncGuard guard(requestLock);
-    if (record->pins > 0) {
-      // A cancelRead still reads this record; it frees it when done.
-      record->finished = true;
-    } else {
-      freeRecord(record);
-    }
+    util::SyncGuard guard(dull->taskLock);
+    --dull->outstandingTasks;
+    dull->taskLock.notifyAll();
   }
-  // Last touch of the file: once the count drops, drainRequests may let it
-  // be destroyed.
-  util::SyncGuard guard(dull->taskLock);
-  --dull->outstandingTasks;
-  dull->taskLock.notifyAll();
+  if (record->callback) {
+    record->callback(record->reqID, record->userdata, status, static_cast<int>(n));
+  }
+  util::SyncGuard guard(requestLock);
+  if (record->pins > 0) {
+    // A cancelRead still reads this record; it frees it when done.
+    record->finished = true;
+  } else {
+    freeRecord(record);
+  }
 }
 
 void DullFile::drainRequests() {

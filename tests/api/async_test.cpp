@@ -1,6 +1,7 @@
 // Asynchronous reads: completion reports with their ids, statuses and byte
 // counts, the id limit, and withdrawal by abort and close.
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <string>
@@ -173,6 +174,66 @@ TEST(AsyncRead, The512thOutstandingRequestFailsAndQueuedOnesAreCancelledTwiceOrA
   EXPECT_TRUE(waitFor([&] { return webs::DullFile::pendingRequestCount() == 0; }));
   gExecutorsBusy.open();
   EXPECT_TRUE(waitFor([&] { return gHolding == 0; }));
+}
+
+// A callback may call the library: close its own handle, the last on its
+// location, or open and close another location while a second thread closes
+// the location of the read. Every call returns.
+struct Reentry {
+  int handle = -1;
+  std::string other;               // a location the callback opens and closes
+  std::atomic<bool> entered{false};
+  std::atomic<bool> othersClosing{false};
+  std::atomic<int> closeResult{1};
+  std::atomic<bool> returned{false};
+};
+
+void reenter(int, void* userdata, int, int) {
+  Reentry* r = static_cast<Reentry*>(userdata);
+  r->entered = true;
+  if (r->other.empty()) {
+    r->closeResult = x_smart_file_close(r->handle);
+  } else {
+    waitFor([&] { return r->othersClosing.load(); }, 5000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // let the close go in
+    int h = -1;
+    if (x_smart_file_open(r->other.c_str(), &h) == SMFR_OK) r->closeResult = x_smart_file_close(h);
+  }
+  r->returned = true;
+}
+
+TEST(AsyncRead, CallbacksMayCallTheLibrary) {
+  TempDir dir;
+  for (bool ownHandle : {true, false}) {
+    SCOPED_TRACE(ownHandle ? "closes its own handle" : "opens another while its file closes");
+    Reentry r;
+    r.handle = testsupport::openPatternFile(dir, 100000);
+    ASSERT_GE(r.handle, 1);
+    if (!ownHandle) r.other = testsupport::writePatternFile(dir, "other", 1000);
+    static char buf[1000];
+    int id = 0;
+    ASSERT_EQ(x_smart_file_read_async(r.handle, buf, sizeof(buf), reenter, &r, &id), SMFR_OK);
+    ASSERT_TRUE(waitFor([&] { return r.entered.load(); }));
+    std::atomic<bool> closed{false};
+    std::thread closer;
+    if (!ownHandle) {
+      closer = std::thread([&] {
+        r.othersClosing = true;
+        EXPECT_EQ(x_smart_file_close(r.handle), SMFR_OK);
+        closed = true;
+      });
+    }
+    bool done = waitFor([&] { return r.returned.load() && (ownHandle || closed.load()); }, 10000);
+    if (closer.joinable()) {
+      if (done) {
+        closer.join();
+      } else {
+        closer.detach();  // deadlocked: the failure is the finding
+      }
+    }
+    ASSERT_TRUE(done);
+    EXPECT_EQ(r.closeResult.load(), SMFR_OK);
+  }
 }
 
 }  // namespace
