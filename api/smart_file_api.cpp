@@ -109,7 +109,8 @@ int x_smart_file_read(int handle, char* buf, int size, unsigned long* readSize) 
       CV_LOG(0, "NULL POINT\n");
       return SMFR_FAILED;
     }
-    // Widened with its sign, as the interface always did.
+    // Widened with its sign the size would ask for nearly 2^64 bytes.
+    if (size < 0) return SMFR_FAILED;
     int r = file->read(buf, static_cast<unsigned long>(static_cast<long>(size)), readSize);
     CV_LOG(1, "end x_smart_file_read : %d", r);
     return r;
@@ -124,6 +125,7 @@ int x_smart_file_read_async(int handle, char* buf, int size, x_smart_file_callba
       CV_LOG(0, "NULL POINT\n");
       return SMFR_FAILED;
     }
+    if (size < 0) return SMFR_FAILED;
     int r = file->readAsync(buf, static_cast<unsigned long>(static_cast<long>(size)), callback,
                             userdata, reqID);
     CV_LOG(1, "end x_smart_file_read_async(reqID: %d)", r == SMFR_OK ? *reqID : -1);

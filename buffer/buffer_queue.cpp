@@ -19,7 +19,8 @@ BufferQueue::BufferQueue(int bufferSize)
       totalCapacity_((bufferSize / kBlockSize) * kBlockSize),
       worker_(&BufferQueue::workerRun),
       monitor_(&BufferQueue::monitorRun) {
-  if (blockCount_ == 0 || blockCount_ == 1) blockCount_ = 2;
+  // Two blocks at least, for a size of 0 or 1 block and for a negative one.
+  if (blockCount_ < 2) blockCount_ = 2;
   std::memset(previousHead_, 0, sizeof(previousHead_));
   std::memset(currentHead_, 0, sizeof(currentHead_));
   rdTail_ = blocks_.end();
@@ -32,10 +33,23 @@ bool BufferQueue::initialize(BufferQueueProducer* p) {
   SyncGuard streamGuard(streamLock_);
   producer_ = p;
   if (initialised_) return true;
+  if (blockCount_ > kMaxBlocks) {
+    // A buffer no device can hold is refused rather than allocated until
+    // memory runs out: the open fails and the handle's calls say so.
+    CV_LOG(-4, "BufferQueue(%p) %lld blocks asked, beyond the limit of %lld",
+           static_cast<void*>(this), blockCount_, kMaxBlocks);
+    // Its owner releases the producer of a queue that failed: not ours to
+    // touch any more.
+    producer_ = nullptr;
+    return false;
+  }
   pool_ = BufferBlockPoolManager::_INS_.claimPool(static_cast<int>(kBlockSize));
   for (long long i = 0; i < blockCount_; ++i) {
     BufferBlock* block = pool_->pop();
-    if (block == nullptr) return false;
+    if (block == nullptr) {
+      producer_ = nullptr;
+      return false;
+    }
     block->index = static_cast<uint32_t>(i);
     blocks_.push_back(block);
   }

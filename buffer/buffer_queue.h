@@ -50,6 +50,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   typedef std::list<BufferBlock*>::iterator BlockIt;
 
   static constexpr long long kBlockSize = 32768;
+  // The largest buffer a queue takes: 256 MiB.
+  static constexpr long long kMaxBlocks = 8192;
   // A reader this close ahead of the write point is reached by the running
   // connection soon enough: no new connection is worth its start-up cost.
   static constexpr long long kNearDistance = 65537;

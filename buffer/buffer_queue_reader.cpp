@@ -382,7 +382,7 @@ bool BufferQueue::seek(long long offset, long long* newOffset) {
     SyncGuard guard(*this);
     CV_LOG(2, "old offset:%lld, wanted offset:%lld", readOffset_.load(), offset);
     long long known = contentSize_;
-    if (known != 0 && known < offset) {
+    if ((known != 0 && known < offset) || offset < 0) {
       *newOffset = readOffset_;
       return false;
     }

@@ -95,8 +95,11 @@ int DullFile::read(char* buf, unsigned long size, long long position, unsigned l
   CV_LOG(1, "seek:  %d , offset =%lld, curOffset = %lld", moved ? 1 : 0, position, cur);
   if (!moved) {
     CV_LOG(1, "move position failed before read");
-    CV_LOG(1, "read end, error = %d", kFailed);
-    return kFailed;
+    // A stream that has finished answers every read alike, whether or not
+    // the position could be moved first.
+    int r = rbuffer.needExit() ? util::BufferQueue::READ_FINISHED : kFailed;
+    CV_LOG(1, "read end, error = %d", r);
+    return r;
   }
   int r = rbuffer.read(buf, size, readSize);
   CV_LOG(1, "read end, error = %d", r);

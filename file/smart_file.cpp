@@ -77,6 +77,11 @@ int SmartFile::seek(long long offset, long long* curOffset) {
     CV_LOG(1, "seek fail");
     return kFailed;
   }
+  if (offset < 0) {
+    // No content lies before 0; the position stays where it is.
+    CV_LOG(1, "seek fail");
+    return kFailed;
+  }
   util::SyncGuard guard(*this);
   long long range = offset - position;
   CV_LOG(1, "SmartFile-Seek : range:=%lld, offset=%lld, position=%lld", range, offset,

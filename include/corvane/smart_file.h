@@ -83,8 +83,9 @@ typedef void (*x_smart_file_callback)(int reqID, void* userdata, int status, int
 int x_smart_file_open(const char* url, int* handle);
 
 /* As x_smart_file_open, with a buffer of `buffersize` bytes, rounded down to
- * whole 32 KiB blocks (at least two blocks are used). The value is not
- * checked. When the location is already open on another handle, that
+ * whole 32 KiB blocks (at least two blocks are used, also for 0 or a
+ * negative value). A buffer beyond 256 MiB is refused: the handle is still
+ * given, and its reads, seeks and size fail with SMFR_FAILED. When the location is already open on another handle, that
  * handle's buffer is shared and `buffersize` is ignored. */
 int x_smart_file_open_x(const char* url, int* handle, int buffersize);
 
@@ -108,8 +109,8 @@ int x_smart_file_close(int handle);
  *
  * Returns SMFR_OK (also for the last, shorter piece of the content),
  * SMFR_EOF when the position was already at the end (bytes counted as
- * usual), SMFR_FAILED for a bad handle, null pointer, broken read or a
- * position the buffer cannot move to, SMFR_NOT_HTTP (-1) once the stream
+ * usual), SMFR_FAILED for a bad handle, null pointer, negative size, broken
+ * read or a position the buffer cannot move to, SMFR_NOT_HTTP (-1) once the stream
  * has finished for good, or the stream's final failure: SMFR_TIMEOUT,
  * SMFR_NOT_AVAILABLE or SMFR_NOT_FOUND. */
 int x_smart_file_read(int handle, char* buf, int size, unsigned long* readSize);
@@ -126,8 +127,8 @@ int x_smart_file_read(int handle, char* buf, int size, unsigned long* readSize);
  * next read from the callback, or seek first. Reads of one location run one
  * at a time, in no promised order.
  *
- * SMFR_OK when accepted; SMFR_FAILED for a bad handle, null pointer, a
- * handle whose open failed, or when 511 reads are outstanding. */
+ * SMFR_OK when accepted; SMFR_FAILED for a bad handle, null pointer,
+ * negative size, a handle whose open failed, or when 511 reads are outstanding. */
 int x_smart_file_read_async(int handle, char* buf, int size, x_smart_file_callback callback,
                             void* userdata, int* reqID);
 
@@ -156,7 +157,8 @@ int x_smart_file_read_abort(int handle, int reqID); /* reqID 0 breaks a blocked 
  * holds the (clamped) target.
  *
  * SMFR_OK; SMFR_BUSY as above; SMFR_FAILED for a bad handle, null
- * curOffset, a handle whose open failed, or a size of 0. */
+ * curOffset, a negative offset (the position stays), a handle whose open
+ * failed, or a size of 0. */
 int x_smart_file_seek(int handle, long long offset, long long* curOffset);
 
 /* The handle's position (the offset of its next read); does not block.

@@ -1,5 +1,6 @@
 // The handle table of the C interface: numbering, limits, refused handles
 // and locations, and the answers of HTTP calls on a local file.
+#include <climits>
 #include <functional>
 #include <string>
 #include <vector>
@@ -124,6 +125,55 @@ TEST(Handles, LocationChecksAndAMissingPathGivesAHandleWhoseCallsFail) {
     EXPECT_EQ(r, SMFR_FAILED);
   }
   EXPECT_EQ(x_smart_file_offset(h), 0);
+  EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+}
+
+// Arguments no caller should pass get a code, never a crash or a hang.
+TEST(Handles, BadArgumentsGetACode) {
+  TempDir dir;
+  const long long size = 100000;
+  std::string path = testsupport::writePatternFile(dir, "f", size);
+  // Buffer sizes: below two blocks the queue takes two; beyond what a device
+  // can hold the open is refused and the handle's calls fail.
+  const std::vector<std::pair<int, bool>> buffers = {
+      {0, true}, {-1, true}, {-100000, true}, {INT_MIN, true}, {1, true}, {INT_MAX, false}};
+  for (const auto& [buffer, works] : buffers) {
+    int h = 0;
+    ASSERT_EQ(x_smart_file_open_x(path.c_str(), &h, buffer), SMFR_OK) << buffer;
+    char buf[1000];
+    unsigned long got = 0;
+    int r = x_smart_file_read(h, buf, sizeof(buf), &got);
+    if (works) {
+      EXPECT_EQ(r, SMFR_OK) << buffer;
+      EXPECT_EQ(testsupport::patternMismatches(buf, 0, static_cast<long long>(got)), 0);
+      EXPECT_EQ(got, sizeof(buf)) << buffer;
+    } else {
+      EXPECT_EQ(r, SMFR_FAILED) << buffer;
+      EXPECT_EQ(x_smart_file_size(h), SMFR_FAILED) << buffer;
+    }
+    EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
+  }
+  int h = testsupport::openPatternFile(dir, size);
+  ASSERT_GE(h, 1);
+  char buf[100];
+  unsigned long got = 7;
+  long long cur = 55;
+  int req = 0;
+  ASSERT_EQ(x_smart_file_seek(h, 500, &cur), SMFR_OK);
+  // A negative offset is refused and the position stays.
+  for (long long offset : {-1LL, -32769LL, LLONG_MIN}) {
+    EXPECT_EQ(x_smart_file_seek(h, offset, &cur), SMFR_FAILED) << offset;
+    EXPECT_EQ(x_smart_file_offset(h), 500);
+  }
+  // A negative size or a missing buffer is refused before anything is read.
+  EXPECT_EQ(x_smart_file_read(h, buf, -1, &got), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read(h, nullptr, 10, &got), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read(h, buf, 10, nullptr), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read_async(h, buf, -5, nullptr, nullptr, &req), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_read_async(h, buf, 10, nullptr, nullptr, nullptr), SMFR_FAILED);
+  EXPECT_EQ(x_smart_file_offset(h), 500);
+  EXPECT_EQ(x_smart_file_read(h, buf, sizeof(buf), &got), SMFR_OK);
+  EXPECT_EQ(testsupport::patternMismatches(buf, 500, sizeof(buf)), 0);
   EXPECT_EQ(x_smart_file_close(h), SMFR_OK);
 }
 
