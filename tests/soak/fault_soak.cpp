@@ -71,13 +71,31 @@ long long nowMs() {
       .count();
 }
 
+// How a path tells (or hides) its length.
+enum class Length { Told, None, Chunked, TotalUnknown };
+
 struct PathState {
   std::string path;
   long long size = 0;
   bool noRange = false;
+  Length length = Length::Told;
   int openHandles = 0;  // World::mutex
   std::string behaviour = "normal";
 };
+
+// A path's answers as it was set up: ranges or not, and how its length
+// shows. Without a known total the source cannot be read at random.
+Script baseScript(const PathState& p) {
+  Script s;
+  s.size = p.size;
+  s.honourRange = !p.noRange;
+  s.contentLength = p.length == Length::Told;
+  s.chunked = p.length == Length::Chunked;
+  s.unknownTotal = p.length == Length::TotalUnknown;
+  return s;
+}
+
+bool seekable(const PathState& p) { return !p.noRange && p.length != Length::TotalUnknown; }
 
 // One asynchronous read. Kept until the end of the run: a second report
 // (cancelled while queued) may come after the first, and only the buffer is
@@ -206,7 +224,8 @@ class Worker {
   bool chance(int percent) { return pick(100) < percent; }
   std::string ctx(const Handle& h) {
     const PathState& p = w_.paths[h.path];
-    return p.path + (p.noRange ? " no-range" : "") + ", " + behaviourOf(w_, h.path);
+    return p.path + (p.noRange ? " no-range" : "") + (p.length != Length::Told ? " no-length" : "") +
+           ", " + behaviourOf(w_, h.path);
   }
 
   void step() {
@@ -437,7 +456,7 @@ class Worker {
       return;
     }
     w_.stats.result("seek", r);
-    if (r == SMFR_BUSY && !p.noRange) {
+    if (r == SMFR_BUSY && seekable(p)) {
       w_.stats.anomaly("busy-on-seekable", p.path + " seek to " + std::to_string(target));
     }
     if (r != SMFR_BUSY) afterFailure(h, r);
@@ -495,9 +514,7 @@ void switchBehaviours(World& w) {
     }
     int i = static_cast<int>(pick(kPaths));
     PathState& p = w.paths[i];
-    Script s;
-    s.size = p.size;
-    s.honourRange = !p.noRange;
+    Script s = baseScript(p);
     std::string name;
     long long r = pick(100);
     if (r < 40) {
@@ -587,10 +604,12 @@ int main(int argc, char** argv) {
     p.path = "/soak" + std::to_string(i);
     p.size = (3LL << 20) + static_cast<long long>(rng() % (9ULL << 20));
     p.noRange = i >= kPaths - noRangePaths;
-    Script s;
-    s.size = p.size;
-    s.honourRange = !p.noRange;
-    w.server.route(p.path, s);
+    // Lengths told, none (the end is where the connection closes), chunked,
+    // and a range total of "*", on ranged and range-ignoring paths.
+    static const Length kLengths[kPaths] = {Length::Told,    Length::Chunked, Length::TotalUnknown,
+                                            Length::Told,    Length::None,    Length::Chunked};
+    p.length = kLengths[i];
+    w.server.route(p.path, baseScript(p));
   }
 
   std::atomic<bool> watchDone{false};
