@@ -12,7 +12,10 @@
 namespace webs {
 
 ReadRequestRecord* DullFile::requestTable[DullFile::kMaxRequests] = {};
-util::Semaphore DullFile::requestLock CV_INIT_ORDER(CV_INIT_API_TABLE);
+util::Semaphore& DullFile::requestLock() {
+  static util::Semaphore* lock = new util::Semaphore();
+  return *lock;
+}
 
 namespace {
 // Result codes of the public interface used here.
@@ -110,7 +113,7 @@ int DullFile::readAsync(char* buf, unsigned long size, long long position,
                         SmartFileCallback callback, void* userdata, int* reqID, SmartFile* file) {
   ReadRequestRecord* record = nullptr;
   {
-    util::SyncGuard guard(requestLock);
+    util::SyncGuard guard(requestLock());
     int id = 1;
     while (id < kMaxRequests && requestTable[id] != nullptr) ++id;
     if (id == kMaxRequests) {
@@ -188,7 +191,7 @@ void DullFile::readTask(void* arg, util::TEngineEvent_E event) {
   if (record->callback) {
     record->callback(record->reqID, record->userdata, status, static_cast<int>(n));
   }
-  util::SyncGuard guard(requestLock);
+  util::SyncGuard guard(requestLock());
   if (record->pins > 0) {
     // A cancelRead still reads this record; it frees it when done.
     record->finished = true;
@@ -218,7 +221,7 @@ int DullFile::cancelRead(int reqID, SmartFile* file) {
   SmartFileCallback callback;
   void* userdata;
   {
-    util::SyncGuard guard(requestLock);
+    util::SyncGuard guard(requestLock());
     record = requestTable[reqID];
     if (record == nullptr) return 0;
     // Pinned so that the task's end cannot free it under us: the second
@@ -240,7 +243,7 @@ int DullFile::cancelRead(int reqID, SmartFile* file) {
     }
     reader = nullptr;
   }
-  util::SyncGuard guard(requestLock);
+  util::SyncGuard guard(requestLock());
   if (--record->pins == 0 && record->finished) freeRecord(record);
   return 0;
 }
@@ -305,7 +308,7 @@ void DullFile::close() {
 void DullFile::dumpDebugInfo() { rbuffer.dumpBuffer(true); }
 
 int DullFile::pendingRequestCount() {
-  util::SyncGuard guard(requestLock);
+  util::SyncGuard guard(requestLock());
   int n = 0;
   for (ReadRequestRecord* record : requestTable) n += record != nullptr ? 1 : 0;
   return n;

@@ -120,7 +120,9 @@ class DullFile : public util::Semaphore {
   int outstandingTasks = 0;
 
   static ReadRequestRecord* requestTable[kMaxRequests];
-  static util::Semaphore requestLock;
+  // Never destroyed: a task may still free its record under it after the
+  // client's last callback returned, when the process is already exiting.
+  static util::Semaphore& requestLock();
 };
 
 }  // namespace webs
