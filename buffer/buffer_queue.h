@@ -29,7 +29,6 @@
 #define CORVANE_BUFFER_BUFFER_QUEUE_H_
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <list>
 #include <mutex>

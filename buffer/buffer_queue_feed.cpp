@@ -14,6 +14,7 @@
 // block"), or in a block recycled and rebased to the block-aligned offset.
 // Deciding where to start is therefore separate from touching blocks, and a
 // decision taken while a restart is pending only moves rangeBegin.
+#include <chrono>
 #include <climits>
 
 #include "buffer/buffer_queue.h"
@@ -219,18 +220,20 @@ void BufferQueue::handlePartialEnd() {
   bool delivered = end > connectionBegin_;
   if (!delivered && (size != 0 ? end < size : !answered_)) {
     // A connection that brought no byte (dropped after its headers, before
-    // the source could say anything of the content, or at once later, or a source that skips from 0 ended before the offset asked
-    // for) says nothing about where the content ends: the size stays. It is
-    // tried again from the same place after a back-off that doubles with
-    // each empty connection in a row, so a server that always drops early
-    // is neither hammered nor waited for without end.
+    // the source could say anything of the content, or at once later, or a
+    // source that skips from 0 ended before the offset asked for) says
+    // nothing about where the content ends: the size stays. It is tried
+    // again from the same place after a back-off that doubles with each
+    // empty connection in a row, so a server that always drops early is
+    // neither hammered nor waited for without end.
     if (++silentRestarts_ > kMonitorMaxSilentRestarts) {
       setStatus(STREAM_NOT_AVAILABLE);
       CV_LOG(-4, "source silent after %d restarts, stream given up", kMonitorMaxSilentRestarts);
       return;
     }
     retryPending_ = true;
-    retryAfterMs_ = steadyMs() + (static_cast<long long>(kEmptyRetryBaseMs) << (silentRestarts_ - 1));
+    long long backOff = static_cast<long long>(kEmptyRetryBaseMs) << (silentRestarts_ - 1);
+    retryAfterMs_ = steadyMs() + backOff;
     CV_LOG(0, "no need to continue another stream for fragment");
     CV_LOG(0, "wait for new feeding request");
     return;

@@ -149,6 +149,7 @@ struct FailureCase {
   std::vector<int> events;
   int downloadStatus;
   std::vector<const char*> logs = {};
+  int logLevel = 0;  // the lowest level the lines show at
 };
 
 void PrintTo(const FailureCase& c, std::ostream* os) { *os << c.name; }
@@ -159,7 +160,7 @@ TEST_P(FailedTransfer, EndsWithItsEventAndStatus) {
   const FailureCase& c = GetParam();
   FailingEndpoint location(c.place, c.status);
   Source source(location.url());
-  LogCapture log(0);
+  LogCapture log(c.logLevel);
   if (c.featureFlag != -1) source.request.setFeatureFlag(c.featureFlag);
   EXPECT_EQ(source.request.startStreaming(1, 0, 0), 0);
   for (const char* line : c.logs) EXPECT_TRUE(log.contains(line)) << line;
@@ -186,7 +187,7 @@ INSTANTIATE_TEST_SUITE_P(
                     webs::DOWNLOAD_CONNECT_REJECT,
                     {"set status DOWNLOAD_CONNECT_REJECT", "notify EVENT_STREAM_ERROR"}},
         FailureCase{"UnresolvableHost", Place::UnresolvableHost, 0, -1, {kNotFound},
-                    webs::DOWNLOAD_DNS_UNABLE_RESOLVED, {"NO GJZ CASE, couldn't resolve host"}},
+                    webs::DOWNLOAD_DNS_UNABLE_RESOLVED, {"NO GJZ CASE, couldn't resolve host"}, -4},
         // With feature flag 1 an error the queue may retry.
         FailureCase{"UnresolvableHostGJZ", Place::UnresolvableHost, 0, 1,
                     {util::EVENT_STREAM_ERROR}, webs::DOWNLOAD_DNS_UNABLE_RESOLVED,

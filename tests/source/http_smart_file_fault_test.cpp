@@ -215,18 +215,6 @@ TEST(HttpFaults, SilentServerFailsTheReadAfterTheFirstByteLimit) {
   EXPECT_EQ(rangeStarts(server, "/gjz").size(), 2u);
 }
 
-// With the flag unset an unresolvable host is a final failure, told at the
-// default level.
-TEST(HttpFaults, UnresolvableHostIsToldAtTheDefaultLevel) {
-  LogCapture log(-4);
-  FailingEndpoint location(Place::UnresolvableHost, 0);
-  Handle h(location.url());
-  char buf[10];
-  unsigned long got = 0;
-  EXPECT_NE(x_smart_file_read(h.id, buf, sizeof(buf), &got), SMFR_OK);
-  EXPECT_TRUE(log.contains("NO GJZ CASE, couldn't resolve host"));
-}
-
 // A transfer held back by a speed limit sleeps in its body callback: a
 // close, a far seek and a lower limit still take effect at once, and a stop
 // in the making does not flood the log.
