@@ -122,7 +122,9 @@ TEST_P(LaterAnswer, OnlyContentBytesAtTheirOffsets) {
   }
   std::string bytes = readBytes(h.id, want, 50000, &code);
   EXPECT_TRUE(isPatternAt(bytes, at, static_cast<long long>(bytes.size())));
-  EXPECT_EQ(code, c.code);
+  // A failure that made the stream final before the next read looked at it
+  // is answered as a finished stream.
+  EXPECT_TRUE(code == c.code || (c.code != SMFR_OK && code == -1)) << code;
   if (c.code == SMFR_OK) EXPECT_EQ(static_cast<long long>(bytes.size()), want);
   // An error page is not held either, where the reader stopped or beyond.
   if (c.code != SMFR_OK) EXPECT_EQ(x_smart_file_bufferedSize(h.id), 0);
