@@ -13,7 +13,8 @@ namespace util {
 
 class BufferBlock {
  public:
-  // A zero-filled block of `capacity` bytes, empty, beginning at offset 0.
+  // An empty block of `capacity` bytes beginning at offset 0; its storage
+  // may be that of a destroyed block (see buffer_block.cpp).
   explicit BufferBlock(int capacity);
   virtual ~BufferBlock();
 
@@ -66,9 +67,9 @@ class BufferBlock {
   uint32_t index = 0;  // ordinal in its queue; 0 while pooled
 
  private:
-  // Zero-filled by calloc: fresh pages from the system are zero already and
-  // are only touched when written, so a new queue does not fault in all its
-  // blocks before the first byte arrives (a small file uses one or two).
+  // Fresh storage comes zero-filled from calloc, whose new pages are only
+  // touched when written: a new queue does not fault in all its blocks
+  // before the first byte arrives (a small file uses one or two).
   unsigned char* data_;
   size_t capacity_;
   uint64_t payload_ = 0;

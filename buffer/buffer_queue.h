@@ -209,6 +209,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   // Returns once no reader copy runs: called before a decision that may
   // rebase any block. Lets the lock go while it waits.
   void awaitReaderCopy();
+  void handToReader();
+  void readerAwake();
   bool writerCanGoOn();
   bool endReached(long long offset) const;
   static long long steadyMs();
@@ -259,13 +261,15 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool workerStarted_ = false;                // queue lock
   bool contiguityCheckPending_ = false;       // [S]
   long long lastReadEnd_ = -1;                // queue lock: where the last read ended
-  bool sequentialRead_ = false;               // queue lock: this read goes on from there
+  bool sequentialRead_ = false;               // [S]: this read goes on from there
 
   // Connection tracking of this implementation, all [S].
   bool streamLive_ = false;        // the current version's connection may still deliver
   long long producerPos_ = 0;      // offset of the next byte the producer sends
   long long activity_ = 0;         // chunks and events seen, for the monitor
   bool readerWaiting_ = false;     // a reader sleeps in fill/easyFill for data
+  unsigned long readerWakes_ = 0;  // waits for data the reader came back from
+  bool handOffWaiting_ = false;    // a writer waits for a woken reader to run
   BufferBlock* copyBlock_ = nullptr;  // pinned: a reader copies from it unlocked
   bool copyAwaited_ = false;       // someone waits for that copy to end
   // The place last handed out by directRoom and the block state it was

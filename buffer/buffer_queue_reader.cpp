@@ -155,6 +155,14 @@ long long BufferQueue::wakePoint(long long wanted) {
   return wake > wanted ? wake : wanted;
 }
 
+// Back from a wait for data: a writer that woke us may wait to see that.
+// REQUIRES: streamLock_ held.
+void BufferQueue::readerAwake() {
+  readerWaiting_ = false;
+  ++readerWakes_;
+  if (handOffWaiting_) streamLock_.notifyAll();
+}
+
 // Sleeps once for data. False when the read must end: break or final
 // status. REQUIRES: streamLock_ held.
 bool BufferQueue::waitForData(long long wakeAt, const char* breakText) {
@@ -165,7 +173,7 @@ bool BufferQueue::waitForData(long long wakeAt, const char* breakText) {
     feedIfIdle();
     streamLock_.notifyAll();
     streamLock_.wait();
-    readerWaiting_ = false;
+    readerAwake();
   }
   if (breakReadRequested_) {
     breakReadRequested_ = false;
@@ -310,7 +318,7 @@ bool BufferQueue::easyFill(long long offset, unsigned long size, char* buffer, u
       feedIfIdle();
       streamLock_.notifyAll();
       streamLock_.wait();
-      readerWaiting_ = false;
+      readerAwake();
     }
     CV_LOG(2, "wake up at easyfill");
     if (breakReadRequested_) {

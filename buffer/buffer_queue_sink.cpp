@@ -79,9 +79,28 @@ bool BufferQueue::streamIn(void* data, unsigned long size, int version) {
     if (!goOn || endAfter != endBefore + static_cast<long long>(size) ||
         endAfter >= (fast ? wakeLate_ : wakeAt_)) {
       streamLock_.notifyAll();
+      // Only for a read after an open or a jump: a reader going on where it
+      // stopped is woken a margin late and the two sides run side by side.
+      if (!sequentialRead_) handToReader();
     }
   }
   return goOn;
+}
+
+// The reader just woken gets the lock before this writer stores its next
+// chunk. A writer at full speed (a loopback or LAN server, a page-cached
+// file) otherwise keeps the woken reader off a CPU for most of a scheduler
+// slice on a device with few cores, where the server's side of the socket
+// competes as well: a first read after an open or a seek then waits for
+// the buffer to fill instead of for its own bytes. Bounded: the reader was
+// notified and only needs the lock, which wait() lets go.
+void BufferQueue::handToReader() {
+  unsigned long wakes = readerWakes_;
+  while (readerWaiting_ && readerWakes_ == wakes && !released_) {
+    handOffWaiting_ = true;
+    streamLock_.wait();
+  }
+  handOffWaiting_ = false;
 }
 
 void* BufferQueue::directRoom(unsigned long size, int version) {

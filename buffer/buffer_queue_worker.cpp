@@ -1,5 +1,6 @@
 // BufferQueue, worker side: the feeding worker that starts each connection,
 // and the reconnection task that restarts it on an engine thread.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <thread>
@@ -117,10 +118,16 @@ void BufferQueue::stopProducerRun() {
   // superseded connection until its first chunk is refused, or a silent
   // server's first-byte limit. Stopping again until the run is over closes
   // that gap; a run that is really stopped ends within one turn.
+  // Mostly the run is already leaving: the stop above returned when the
+  // transfer ended, and the worker only has to take the lock once more. So
+  // the first looks come after microseconds (a far seek waits here), and
+  // the pause grows to kStopRetryMs for a run that really missed the stop.
   SyncGuard guard(streamLock_);
+  long long pauseUs = 20;
   while (workerBusy_) {
     SyncUnguard unguard(streamLock_);
-    std::this_thread::sleep_for(std::chrono::milliseconds(kStopRetryMs));
+    std::this_thread::sleep_for(std::chrono::microseconds(pauseUs));
+    pauseUs = std::min<long long>(pauseUs * 2, kStopRetryMs * 1000LL);
     producer_->stopStreaming();
   }
 }
