@@ -17,8 +17,7 @@ std::atomic<bool> BufferQueue::overrun{false};
 BufferQueue::BufferQueue(int bufferSize)
     : blockCount_(bufferSize / kBlockSize),
       totalCapacity_((bufferSize / kBlockSize) * kBlockSize),
-      worker_(&BufferQueue::workerRun),
-      monitor_(&BufferQueue::monitorRun) {
+      worker_(&BufferQueue::workerRun) {
   // Two blocks at least, for a size of 0 or 1 block and for a negative one.
   if (blockCount_ < 2) blockCount_ = 2;
   std::memset(previousHead_, 0, sizeof(previousHead_));

@@ -5,7 +5,8 @@
 // initialize() and destroys it at close. The producer's threads call the sink
 // (streamIn, notifyStreamException); readers call read/seek/breakRead; the
 // feeding worker (a ThreadObject) starts connections; engine executors run
-// the reconnection task; the feeding monitor thread watches for silence.
+// the reconnection task; the process-wide FeedMonitor thread checks for
+// silence.
 //
 // The queue keeps a fixed set of 32768-byte blocks, each tagged with the
 // stream offset of its first byte, ordered by offset. Block beginnings are
@@ -29,9 +30,7 @@
 #define CORVANE_BUFFER_BUFFER_QUEUE_H_
 
 #include <atomic>
-#include <condition_variable>
 #include <list>
-#include <mutex>
 
 #include "buffer/buffer_block.h"
 #include "buffer/buffer_block_pool.h"
@@ -142,7 +141,6 @@ class BufferQueue : public Semaphore, public StreamSink {
   void dumpBuffer(bool unused);
 
   // Feeding monitor.
-  static void* monitorRun(void* queue);
   void startMonitorFeeding();
   void fillMonitor();
   void feedManually();  // REQUIRES: streamLock_ held
@@ -297,12 +295,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   int blockedChecks_ = 0;          // monitor only: checks with reader and writer waiting
   long long blockedReader_ = -1;   // monitor only: the reader's offset during them
 
-  // Feeding monitor: its thread and the timed wait it sleeps in.
-  ThreadObject monitor_;
-  std::mutex monitorMutex_;
-  std::condition_variable monitorCond_;
-  bool monitorStop_ = false;       // monitorMutex_
-  bool monitorStarted_ = false;    // queue lock
+  bool monitorStarted_ = false;    // queue lock: checked by the FeedMonitor
 
   // Reconnection tasks scheduled and not yet finished or cancelled.
   Semaphore taskLock_;

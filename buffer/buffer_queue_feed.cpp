@@ -18,6 +18,7 @@
 #include <climits>
 
 #include "buffer/buffer_queue.h"
+#include "buffer/feed_monitor.h"
 #include "diag/log.h"
 #include "thread/sync_guard.h"
 
@@ -266,34 +267,16 @@ void BufferQueue::handlePartialEnd() {
   CV_LOG(0, "Read end of file and notify all other thread to execute");
 }
 
-void* BufferQueue::monitorRun(void* queue) {
-  BufferQueue* self = static_cast<BufferQueue*>(queue);
-  for (;;) {
-    {
-      std::unique_lock<std::mutex> lock(self->monitorMutex_);
-      self->monitorCond_.wait_for(lock, std::chrono::milliseconds(kMonitorPeriodMs),
-                                  [self] { return self->monitorStop_; });
-      if (self->monitorStop_) break;
-    }
-    self->fillMonitor();
-  }
-  return nullptr;
-}
-
 void BufferQueue::startMonitorFeeding() {
   if (monitorStarted_) return;
   monitorStarted_ = true;
-  monitor_.start(this);
+  // Under the stream lock, against release(): a queue added after its
+  // removal would be checked after it is gone.
+  SyncGuard guard(streamLock_);
+  if (!released_) FeedMonitor::instance().add(this, kMonitorPeriodMs);
 }
 
-void BufferQueue::stopMonitor() {
-  {
-    std::lock_guard<std::mutex> lock(monitorMutex_);
-    monitorStop_ = true;
-  }
-  monitorCond_.notify_all();
-  monitor_.stop(true);
-}
+void BufferQueue::stopMonitor() { FeedMonitor::instance().remove(this); }
 
 void BufferQueue::fillMonitor() {
   SyncGuard guard(streamLock_);

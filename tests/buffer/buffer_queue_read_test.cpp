@@ -136,6 +136,12 @@ TEST(BufferQueueRead, AWaitingReaderReturnsOnBreakReadAndOnDestruction) {
 
 TEST(BufferQueueRead, ReleaseEndsStreamingAndLeavesNoThread) {
   util::ThreadEngine::_INS_.initialize();
+  {
+    // The process-wide threads (engine, feeding monitor) exist from the
+    // first queue on and stay.
+    Source warm(4 * 32768, 1024 * 1024);
+    EXPECT_EQ(1000u, readChecked(warm.queue, 0, 1000));
+  }
   const int before = threadCount();
   {
     Source s(4 * 32768, 10 * 1024 * 1024);

@@ -68,7 +68,9 @@ TEST_P(DroppedConnections, EveryByteIsRightAndRestartsAreBounded) {
     EXPECT_NE(code, SMFR_EOF);
     EXPECT_LE(server.requestCount(), 10);
   }
-  if (!c.starts.empty()) EXPECT_EQ(rangeStarts(server, "/f"), c.starts);
+  if (!c.starts.empty()) {
+    EXPECT_EQ(rangeStarts(server, "/f"), c.starts);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -125,10 +125,16 @@ TEST_P(LaterAnswer, OnlyContentBytesAtTheirOffsets) {
   // A failure that made the stream final before the next read looked at it
   // is answered as a finished stream.
   EXPECT_TRUE(code == c.code || (c.code != SMFR_OK && code == -1)) << code;
-  if (c.code == SMFR_OK) EXPECT_EQ(static_cast<long long>(bytes.size()), want);
-  // An error page is not held either, where the reader stopped or beyond.
-  if (c.code != SMFR_OK) EXPECT_EQ(x_smart_file_bufferedSize(h.id), 0);
-  if (!c.seek) EXPECT_GE(static_cast<long long>(bytes.size()), kDrop);
+  if (c.code == SMFR_OK) {
+    EXPECT_EQ(static_cast<long long>(bytes.size()), want);
+  }
+  // An error page is not held either, where the reader stopped or beyond:
+  // what the first connection brought before its drop was either read or
+  // is still held (the reader may lag behind the failure), and no more.
+  if (c.code != SMFR_OK) {
+    long long held = x_smart_file_bufferedSize(h.id);
+    EXPECT_EQ(static_cast<long long>(bytes.size()) + held, c.seek ? 0 : kDrop);
+  }
   std::vector<RecordedRequest> requests = server.requests();
   ASSERT_GE(requests.size(), 2u);
   EXPECT_EQ(requests.back().hasHeader("Range"), c.lastRanged);
@@ -254,7 +260,9 @@ TEST(HttpFaults, SpeedLimitedTransferAnswersAtOnce) {
     }
     EXPECT_LT(secondsSince(began), 3.0);
     EXPECT_LE(log.count("wait stop flag"), 2);
-    if (id > 0) EXPECT_EQ(x_smart_file_close(id), SMFR_OK);
+    if (id > 0) {
+      EXPECT_EQ(x_smart_file_close(id), SMFR_OK);
+    }
   }
 }
 
