@@ -94,6 +94,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   // How often a stop is repeated while the worker's run has not left the
   // producer (see stopProducerRun).
   static constexpr int kStopRetryMs = 10;
+  static constexpr int kStopSpinUs = 300;  // stopProducerRun: yield, then sleep
 
   explicit BufferQueue(int bufferSize);
   ~BufferQueue() override;

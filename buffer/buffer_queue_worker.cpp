@@ -122,10 +122,17 @@ void BufferQueue::stopProducerRun() {
   // transfer ended, and the worker only has to take the lock once more. So
   // the first looks come after microseconds (a far seek waits here), and
   // the pause grows to kStopRetryMs for a run that really missed the stop.
+  // The first looks only yield: a sleep of microseconds lasts the timer
+  // slack (50 us by default), longer than the worker needs to leave.
   SyncGuard guard(streamLock_);
+  auto spinUntil = std::chrono::steady_clock::now() + std::chrono::microseconds(kStopSpinUs);
   long long pauseUs = 20;
   while (workerBusy_) {
     SyncUnguard unguard(streamLock_);
+    if (std::chrono::steady_clock::now() < spinUntil) {
+      std::this_thread::yield();
+      continue;
+    }
     std::this_thread::sleep_for(std::chrono::microseconds(pauseUs));
     pauseUs = std::min<long long>(pauseUs * 2, kStopRetryMs * 1000LL);
     producer_->stopStreaming();
