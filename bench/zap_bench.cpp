@@ -30,8 +30,7 @@
 
 #include "corvane/smart_file.h"
 #include "support/nginx_fixture.h"
-#include "support/scripted_http_server.h"
-#include "support/temp_dir.h"
+#include "support/support.h"
 
 using testsupport::fillPattern;
 using testsupport::firstPatternMismatch;

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/scripted_http_server.h"
+#include "support/support.h"
 
 namespace testsupport {
 
@@ -77,7 +77,7 @@ void NginxFixture::addFile(const std::string& name, const std::string& bytes) {
 
 bool NginxFixture::start(std::string* why) {
   // Workers may run as another user: everything they read must be readable.
-  chmod(dir_.path().c_str(), 0755);
+  chmod(dir_.file(".").c_str(), 0755);
   mkdir(dir_.file("www").c_str(), 0755);
   mkdir(dir_.file("tmp").c_str(), 0755);
   std::string cmd = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes"
@@ -126,7 +126,7 @@ bool NginxFixture::start(std::string* why) {
         dup2(devnull, 1);
         dup2(devnull, 2);
       }
-      execl(kNginxBinary, kNginxBinary, "-p", dir_.path().c_str(), "-c",
+      execl(kNginxBinary, kNginxBinary, "-p", dir_.file(".").c_str(), "-c",
             dir_.file("nginx.conf").c_str(), static_cast<char*>(nullptr));
       _exit(127);
     }

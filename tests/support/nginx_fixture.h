@@ -12,7 +12,7 @@
 
 #include <string>
 
-#include "support/temp_dir.h"
+#include "support/support.h"
 
 namespace testsupport {
 

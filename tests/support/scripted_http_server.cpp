@@ -25,11 +25,6 @@ std::string lower(std::string s) {
   return s;
 }
 
-std::string upper(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  return s;
-}
-
 std::string reason(int status) {
   switch (status) {
     case 200: return "OK";
@@ -71,17 +66,6 @@ std::string pathOf(const std::string& target) {
 
 }  // namespace
 
-void fillPattern(char* out, long long offset, long long count) {
-  for (long long i = 0; i < count; ++i) out[i] = static_cast<char>(patternByte(offset + i));
-}
-
-long long firstPatternMismatch(const char* data, long long offset, long long count) {
-  for (long long i = 0; i < count; ++i) {
-    if (static_cast<uint8_t>(data[i]) != patternByte(offset + i)) return i;
-  }
-  return -1;
-}
-
 std::string RecordedRequest::header(const std::string& name) const {
   std::string wanted = lower(name);
   for (const auto& h : headers) {
@@ -96,6 +80,16 @@ bool RecordedRequest::hasHeader(const std::string& name) const {
     if (lower(h.first) == wanted) return true;
   }
   return false;
+}
+
+std::vector<long long> ScriptedHttpServer::rangeStarts(const std::string& path) const {
+  std::vector<long long> starts;
+  for (const RecordedRequest& r : requests()) {
+    if (r.target != path) continue;
+    std::string range = r.header("Range");
+    starts.push_back(range.rfind("bytes=", 0) == 0 ? std::stoll(range.substr(6)) : -1);
+  }
+  return starts;
 }
 
 ScriptedHttpServer::ScriptedHttpServer(Script defaultScript, bool ipv6)
@@ -182,7 +176,6 @@ void ScriptedHttpServer::acceptLoop() {
     if (stopping_ || (fds[1].revents & POLLIN)) break;
     int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
-    connections_++;
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) {
       close(fd);
@@ -215,7 +208,8 @@ bool ScriptedHttpServer::pause(int ms) {
   return !stopCond_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return stopping_.load(); });
 }
 
-bool ScriptedHttpServer::sendAll(int fd, const char* data, size_t size) {
+namespace {
+bool sendAll(int fd, const char* data, size_t size) {
   while (size > 0) {
     ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
     if (n <= 0) return false;
@@ -224,6 +218,8 @@ bool ScriptedHttpServer::sendAll(int fd, const char* data, size_t size) {
   }
   return true;
 }
+
+}  // namespace
 
 Script ScriptedHttpServer::scriptFor(const std::string& target, int* connectionIndex) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -260,7 +256,6 @@ void ScriptedHttpServer::serve(int fd) {
   std::string line;
   std::getline(lines, line);
   if (!line.empty() && line.back() == '\r') line.pop_back();
-  request.requestLine = line;
   std::istringstream parts(line);
   parts >> request.method >> request.target;
   while (std::getline(lines, line)) {
@@ -279,11 +274,6 @@ void ScriptedHttpServer::serve(int fd) {
   int index = 0;
   Script s = scriptFor(request.target, &index);
   if (s.content) s.size = static_cast<long long>(s.content->size());
-  auto spell = [&s](const std::string& name) {
-    if (s.headerCase == HeaderCase::Lower) return lower(name);
-    if (s.headerCase == HeaderCase::Upper) return upper(name);
-    return name;
-  };
 
   long long first = 0, last = -1;
   bool ranged = parseRange(request.header("Range"), &first, &last);
@@ -293,13 +283,13 @@ void ScriptedHttpServer::serve(int fd) {
   std::vector<std::string> headers;
   if (ranged && s.rangeStatus != 0) {
     status = s.rangeStatus;
-    headers.push_back(spell("Content-Range") + ": bytes */" + std::to_string(s.size));
-    headers.push_back(spell("Content-Length") + ": 0");
+    headers.push_back("Content-Range: bytes */" + std::to_string(s.size));
+    headers.push_back("Content-Length: 0");
   } else if (s.status != 0) {
     status = s.status;
     body = s.body;
-    if (!s.location.empty()) headers.push_back(spell("Location") + ": " + s.location);
-    headers.push_back(spell("Content-Length") + ": " + std::to_string(body.size()));
+    if (!s.location.empty()) headers.push_back("Location: " + s.location);
+    headers.push_back("Content-Length: " + std::to_string(body.size()));
   } else {
     if (ranged && s.honourRange) {
       status = 206;
@@ -310,31 +300,25 @@ void ScriptedHttpServer::serve(int fd) {
       status = 200;
       length = s.size;
     }
-    if (s.chunked) {
-      headers.push_back(spell("Transfer-Encoding") + ": chunked");
-    } else if (s.contentLength && !s.unknownTotal) {
-      headers.push_back(spell("Content-Length") + ": " + std::to_string(length));
+    if (s.contentLength && !s.unknownTotal) {
+      headers.push_back("Content-Length: " + std::to_string(length));
     }
-    if (status == 206 || s.contentRangeOn200) {
-      headers.push_back(spell("Content-Range") + ": bytes " + std::to_string(begin) + "-" +
+    if (status == 206) {
+      headers.push_back("Content-Range: bytes " + std::to_string(begin) + "-" +
                         std::to_string(begin + length - 1) + "/" +
                         (s.unknownTotal ? std::string("*") : std::to_string(s.size)));
     }
-    if (s.honourRange && s.acceptRanges) headers.push_back(spell("Accept-Ranges") + ": bytes");
-    headers.push_back(spell("Content-Type") + ": application/octet-stream");
+    if (s.honourRange) headers.push_back("Accept-Ranges: bytes");
+    headers.push_back("Content-Type: application/octet-stream");
   }
-  if (!s.serverHeader.empty()) headers.push_back("Server: " + s.serverHeader);
   for (const auto& h : s.extraHeaders) headers.push_back(h);
-  headers.push_back(spell("Connection") + ": close");
+  headers.push_back("Connection: close");
 
   std::string out = s.statusLine.empty()
                         ? "HTTP/1.1 " + std::to_string(status) + " " + reason(status)
                         : s.statusLine;
   out += "\r\n";
   for (const auto& h : headers) out += h + "\r\n";
-  for (int n = 0; static_cast<int>(out.size()) < s.longHeaderBytes; ++n) {
-    out += "X-Pad-" + std::to_string(n) + ": " + std::string(100, 'p') + "\r\n";
-  }
   out += "\r\n";
 
   if (s.headerDelayMs > 0 && !pause(s.headerDelayMs)) {
@@ -346,11 +330,11 @@ void ScriptedHttpServer::serve(int fd) {
     finish();
     return;
   }
-  if (!s.dropPlan.empty()) {
-    s.dropAfter = s.dropPlan[std::min<size_t>(static_cast<size_t>(index), s.dropPlan.size() - 1)];
-    s.dropTimes = -1;
-  }
-  bool drop = s.dropAfter >= 0 && (s.dropTimes < 0 || index < s.dropTimes);
+  long long dropAfter =
+      s.dropPlan.empty()
+          ? -1
+          : s.dropPlan[std::min<size_t>(static_cast<size_t>(index), s.dropPlan.size() - 1)];
+  bool drop = dropAfter >= 0;
   bool stall = s.stallAfter >= 0 && (s.stallTimes < 0 || index < s.stallTimes);
   std::vector<char> chunk(kChunk);
   long long sent = 0;
@@ -360,8 +344,7 @@ void ScriptedHttpServer::serve(int fd) {
       if (!pause(s.stallMs)) break;
     }
     long long n = std::min<long long>(kChunk, length - sent);
-    if (s.trickleBytes > 0) n = std::min<long long>(n, s.trickleBytes);
-    if (drop) n = std::min(n, s.dropAfter - sent);
+    if (drop) n = std::min(n, dropAfter - sent);
     if (stall) n = std::min(n, s.stallAfter - sent);
     if (n > 0) {
       if (s.content) {
@@ -369,20 +352,12 @@ void ScriptedHttpServer::serve(int fd) {
       } else {
         fillPattern(chunk.data(), begin + sent, n);
       }
-      if (s.chunked) {
-        char size[32];
-        int len = snprintf(size, sizeof(size), "%llx\r\n", n);
-        if (!sendAll(fd, size, static_cast<size_t>(len))) break;
-      }
       if (!sendAll(fd, chunk.data(), static_cast<size_t>(n))) break;
-      if (s.chunked && !sendAll(fd, "\r\n", 2)) break;
       sent += n;
       bytesSent_ += n;
     }
-    if (drop && sent >= s.dropAfter) break;
-    if (s.trickleMs > 0 && !pause(s.trickleMs)) break;
+    if (drop && sent >= dropAfter) break;
   }
-  if (s.chunked && sent == length) sendAll(fd, "0\r\n\r\n", 5);
   finish();
 }
 

@@ -1,0 +1,40 @@
+// A real server: nginx on loopback, over HTTP and HTTPS.
+#include <random>
+
+#include "corvane/smart_file.h"
+#include "support/nginx_fixture.h"
+
+namespace testsupport {
+namespace {
+
+TEST(Nginx, SequentialAndRandomReadsAreByteExactOverHttpAndHttps) {
+  NginxFixture nginx;
+  CV_START_NGINX_OR_SKIP(nginx);
+  const long long size = (5 << 20) + 777;
+  nginx.addPatternFile("f.bin", size);
+  for (bool https : {false, true}) {
+    SCOPED_TRACE(https ? "https" : "http");
+    Handle h(https ? nginx.httpsUrl("f.bin") : nginx.httpUrl("f.bin"));
+    int code = 0;
+    EXPECT_TRUE(isPatternAt(readBytes(h.id, size + 1, 50000, &code), 0, size));
+    EXPECT_EQ(code, SMFR_EOF);
+    EXPECT_EQ(x_smart_file_size(h.id), size);
+    std::mt19937_64 rng(29);
+    for (int i = 0; i < 20; ++i) {
+      long long at = static_cast<long long>(rng() % size), cur = -1;
+      long long want = std::min<long long>(size - at, 1 + static_cast<long long>(rng() % 90000));
+      ASSERT_EQ(x_smart_file_seek(h.id, at, &cur), SMFR_OK);
+      ASSERT_TRUE(isPatternAt(readBytes(h.id, want, 20000, &code), at, want)) << at;
+    }
+    EXPECT_EQ(std::string(x_smart_file_http_get_server_name(h.id)).rfind("nginx", 0), 0u);
+  }
+  Handle missing(nginx.httpUrl("absent.bin"));
+  char buf[10];
+  unsigned long got = 0;
+  int r = x_smart_file_read(missing.id, buf, sizeof(buf), &got);
+  EXPECT_TRUE(r == SMFR_NOT_FOUND || r == -1) << r;
+  EXPECT_EQ(x_smart_file_http_get_download_status(missing.id), 404);
+}
+
+}  // namespace
+}  // namespace testsupport
