@@ -1,10 +1,7 @@
-// A real nginx on loopback for tests that need a real server.
-//
-// start() writes its own configuration, a self-signed certificate (made
-// with the openssl command) and pattern files into a temporary directory,
-// and runs /usr/sbin/nginx in the foreground on two ephemeral loopback ports
-// (plain HTTP and HTTPS). Nothing outside the temporary directory is used.
-// The destructor stops nginx and waits for it.
+// A real nginx on loopback: start() writes its configuration, a self-signed
+// certificate (the openssl command) and the files into a temporary
+// directory and runs /usr/sbin/nginx in the foreground on two ephemeral
+// ports, plain HTTP and HTTPS. The destructor stops it.
 #ifndef CORVANE_TESTS_SUPPORT_NGINX_FIXTURE_H_
 #define CORVANE_TESTS_SUPPORT_NGINX_FIXTURE_H_
 
@@ -20,43 +17,29 @@ constexpr char kNginxBinary[] = "/usr/sbin/nginx";
 
 class NginxFixture {
  public:
-  NginxFixture() = default;
   ~NginxFixture();
-  NginxFixture(const NginxFixture&) = delete;
-  NginxFixture& operator=(const NginxFixture&) = delete;
-
   static bool available();
-  // Starts nginx; on failure returns false with the reason in `why`.
-  bool start(std::string* why);
-  // Writes a pattern file of `size` bytes served as "/<name>".
-  void addPatternFile(const std::string& name, long long size);
-  // Writes `bytes` served as "/<name>".
-  void addFile(const std::string& name, const std::string& bytes);
-
-  std::string httpUrl(const std::string& name) const;
-  std::string httpsUrl(const std::string& name) const;
-  int httpPort() const { return httpPort_; }
-  int httpsPort() const { return httpsPort_; }
+  bool start(std::string* why);  // false with the reason
+  void addPatternFile(const std::string& name, long long size);  // served as "/<name>"
+  std::string httpUrl(const std::string& name) const { return url("http", httpPort_, name); }
+  std::string httpsUrl(const std::string& name) const { return url("https", httpsPort_, name); }
 
  private:
-  void stop();
-
+  static std::string url(const char* scheme, int port, const std::string& name) {
+    return std::string(scheme) + "://127.0.0.1:" + std::to_string(port) + "/" + name;
+  }
   TempDir dir_;
   pid_t pid_ = -1;
-  int httpPort_ = 0;
-  int httpsPort_ = 0;
+  int httpPort_ = 0, httpsPort_ = 0;
 };
 
 }  // namespace testsupport
 
-// Skips the current test when nginx cannot run here; otherwise leaves a
-// started fixture in `fixture`.
+// Skips the test when nginx cannot run here; else leaves `fixture` started.
 #define CV_START_NGINX_OR_SKIP(fixture)                              \
   do {                                                               \
-    if (!::testsupport::NginxFixture::available()) {                 \
-      GTEST_SKIP() << "nginx is not installed";                      \
-    }                                                                \
     std::string why_;                                                \
+    if (!::testsupport::NginxFixture::available()) GTEST_SKIP() << "no nginx"; \
     if (!(fixture).start(&why_)) GTEST_SKIP() << "nginx: " << why_;  \
   } while (0)
 

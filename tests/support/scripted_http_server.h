@@ -72,23 +72,24 @@ class ScriptedHttpServer {
   void route(const std::string& path, const Script& script);
 
   std::vector<RecordedRequest> requests() const;
-  int requestCount() const;
+  int requestCount() const { return static_cast<int>(requests().size()); }
   long long bytesSent() const { return bytesSent_.load(); }
   // The start offsets of the "Range: bytes=N-" requests for `path`, in
   // order (-1 for a request without a range).
   std::vector<long long> rangeStarts(const std::string& path = "/file") const;
 
  private:
+  struct Worker {
+    std::thread thread;
+    std::shared_ptr<std::atomic<bool>> done;
+  };
   void acceptLoop();
   void serve(int fd);
-  void reapFinishedWorkers();  // REQUIRES: mutex_ held
-  Script scriptFor(const std::string& target, int* connectionIndex);
   bool pause(int ms);  // false when the server is stopping
 
   bool ipv6_;
   int listenFd_ = -1;
   int port_ = 0;
-  int wakePipe_[2] = {-1, -1};
   std::atomic<bool> stopping_{false};
   std::atomic<long long> bytesSent_{0};
   std::thread acceptThread_;
@@ -99,8 +100,7 @@ class ScriptedHttpServer {
   std::map<std::string, Script> routes_;
   std::map<std::string, int> servedPerPath_;
   std::vector<RecordedRequest> requests_;
-  std::vector<std::thread> workers_;
-  std::vector<std::thread::id> finishedWorkers_;
+  std::vector<Worker> workers_;
   std::vector<int> openFds_;
 };
 
