@@ -203,6 +203,7 @@ void onDone(int reqID, void* userdata, int status, int bytes) {
 }
 
 TEST(AsyncRead, ReportsIdsStatusesAndBytes) {
+  LogCapture log(-1);  // before the library's threads run
   TempDir dir;
   Handle h(dir.writePattern("f", 100000));
   Reports reports;
@@ -224,7 +225,6 @@ TEST(AsyncRead, ReportsIdsStatusesAndBytes) {
     EXPECT_EQ(firstPatternMismatch(buf.data(), i * 60000, r.bytes), -1);
     EXPECT_TRUE(waitFor([&] { return x_smart_file_offset(h.id) == std::min(100000, (i + 1) * 60000); }));
   }
-  LogCapture log(-1);
   for (int invalid : {512, -1}) {
     EXPECT_EQ(x_smart_file_read_abort(h.id, invalid), SMFR_NOT_HTTP);
     EXPECT_TRUE(log.contains("reqID(" + std::to_string(invalid) + ") is invalid"));

@@ -2,6 +2,8 @@
 // against the content, where connections start, what each source event
 // does, and the hand-overs around full buffers, ended and superseded
 // connections, played chunk by chunk.
+#include <dirent.h>
+
 #include <atomic>
 #include <memory>
 #include <random>
@@ -40,6 +42,7 @@ class Producer : public util::BufferQueueProducer {
     joinFeeder();
     out_->notifyStreamException(util::EVENT_STREAM_NORMAL);
     stop_ = false;
+    std::lock_guard<std::mutex> lock(mutex_);
     feeder_ = std::thread([this, version, from] { feed(version, from); });
     return 0;
   }
@@ -75,8 +78,14 @@ class Producer : public util::BufferQueueProducer {
   std::atomic<int> stops{0};
 
  private:
+  // Joined outside the lock: the feeder's last chunk may wait for a reader.
   void joinFeeder() {
-    if (feeder_.joinable() && feeder_.get_id() != std::this_thread::get_id()) feeder_.join();
+    std::thread feeder;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (feeder_.get_id() != std::this_thread::get_id()) feeder.swap(feeder_);
+    }
+    if (feeder.joinable()) feeder.join();
   }
   void feed(int version, long long pos) {
     std::vector<char> chunk(16384);
@@ -225,8 +234,25 @@ TEST(BufferQueue, EachEventMovesTheStatus) {
       EXPECT_EQ(q.queue.getStreamStatus(), final ? c.status : BufferQueue::STREAM_NORMAL);
       char buffer[10];
       unsigned long got = 0;
-      if (final) EXPECT_EQ(q.queue.read(buffer, 10, &got), BufferQueue::READ_FINISHED);
+      if (final) {
+        EXPECT_EQ(q.queue.read(buffer, 10, &got), BufferQueue::READ_FINISHED);
+        // Once for the event after the final status, once for the read.
+        EXPECT_EQ(log.count("stream status is :" + std::to_string(c.status) + ", retry finished:2 times"), 2);
+      }
     }
+  }
+}
+
+// A reset clears a time-out and a missing file, not a refused service.
+TEST(BufferQueue, ResetErrorStatus) {
+  const std::pair<int, int> cases[] = {{util::EVENT_STREAM_TIMEOUT, BufferQueue::STREAM_IDLE},
+                                       {util::EVENT_STREAM_NOT_FOUND, BufferQueue::STREAM_IDLE},
+                                       {util::EVENT_STREAM_NOT_AVAILABLE, BufferQueue::STREAM_NOT_AVAILABLE}};
+  for (auto [event, after] : cases) {
+    Queue q(3, 1000);
+    q.queue.notifyStreamException(event);
+    q.queue.resetErrorStatus();
+    EXPECT_EQ(q.queue.getStreamStatus(), after) << event;
   }
 }
 
@@ -434,6 +460,50 @@ TEST(BufferQueue, ASourceThatStopsDeliveringEndsTheStream) {
     reader.join();
     EXPECT_EQ(result, BufferQueue::SMFR_FAILED) << destroy;
   }
+}
+
+
+// The head of each connection of a stream that cannot seek is compared with
+// the previous one's: the same head again ends the connection and fixes the
+// size at what is held.
+TEST(BufferQueue, ARepeatedHeadEndsTheConnection) {
+  LogCapture log(1);
+  Queue q(3, 0, false);
+  std::string head = patternBytes(0, 32768);
+  unsigned char* bytes = reinterpret_cast<unsigned char*>(&head[0]);
+  EXPECT_TRUE(q.queue.cacheHeadToCheck(bytes, 1000));
+  EXPECT_TRUE(q.queue.cacheHeadToCheck(bytes + 1000, 31768));  // the first connection's
+  ASSERT_TRUE(q.producer.deliver(0, 40000, 0));
+  EXPECT_FALSE(q.queue.cacheHeadToCheck(bytes, 32768));
+  EXPECT_TRUE(log.contains("The new file part is the same as the old file, begin to terminate the connection"));
+  EXPECT_EQ(q.queue.getContentSize(), 40000);
+}
+
+int threadCount() {
+  int count = 0;
+  DIR* dir = opendir("/proc/self/task");
+  while (dirent* entry = dir ? readdir(dir) : nullptr) count += entry->d_name[0] != '.';
+  if (dir) closedir(dir);
+  return count;
+}
+
+// A released queue ends its stream and its worker; the process-wide
+// threads (engine, feeding checks) come with the first queue and stay.
+TEST(BufferQueue, ReleaseEndsTheStreamAndLeavesNoThread) {
+  {
+    Queue warm(4, 1 << 20, true, true);
+    ASSERT_TRUE(warm.read(0, 1000));
+  }
+  const int before = threadCount();
+  Queue q(4, 10 << 20, true, true);
+  ASSERT_TRUE(q.read(0, 1000));
+  EXPECT_GT(threadCount(), before);
+  q.queue.release();
+  EXPECT_EQ(q.queue.getStreamStatus(), BufferQueue::STREAM_CANCELED);
+  char buffer[10];
+  unsigned long got = 0;
+  EXPECT_EQ(q.queue.read(buffer, 10, &got), BufferQueue::READ_FINISHED);
+  EXPECT_TRUE(waitFor([&] { return threadCount() <= before; }));
 }
 
 }  // namespace

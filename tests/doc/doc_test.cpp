@@ -254,6 +254,10 @@ TEST(TreeNode, LookupsPrintsAndClears) {
             "<catalog version=\"2\"><book id=\"a\" id=\"shadowed\">One</book><book id=\"b\">Two &amp; more</book>"
             "<note q=\"say &quot;&lt;hi&gt;&quot; &amp; go\"/></catalog>");
   EXPECT_EQ(second->toJSON(), "{\"@id\":\"b\",\"#text\":\"Two & more\"}");
+  TreeNode withChild("n");  // attributes before children, without text
+  withChild.createSubAttribute("a", "1");
+  withChild.createSubEntry("c");
+  EXPECT_EQ(withChild.toJSON(), "{\"@a\":\"1\",\"c\":{}}");
   TreeNode list("list");
   list.setArray(true);
   list.createSubEntry("item")->setLeafValue("1", true);
