@@ -1,6 +1,5 @@
 // SmartFile's rules through the C interface: seeks on a stream that cannot
-// be read at random, a blocked read broken by a close, and many threads on
-// shared files at once.
+// be read at random, and many threads on shared files at once.
 #include <atomic>
 #include <random>
 #include <thread>
@@ -13,10 +12,7 @@ namespace testsupport {
 namespace {
 
 TEST(NonSeekable, SeeksFartherThanOneMebibyteAreBusyAndBytesComeInOrder) {
-  Script noRanges;
-  noRanges.size = 8000000;
-  noRanges.honourRange = false;
-  ScriptedHttpServer server(noRanges);
+  ScriptedHttpServer server(Script(8000000, false));
   const struct {
     long long from, to;
     int result;
@@ -41,24 +37,6 @@ TEST(NonSeekable, SeeksFartherThanOneMebibyteAreBusyAndBytesComeInOrder) {
     int code = 0;
     EXPECT_TRUE(isPatternAt(readBytes(h.id, 100000, 40000, &code), at, 100000)) << code;
   }
-}
-
-TEST(BlockedRead, ReturnsWhenItsHandleIsClosedFromAnotherThread) {
-  Script silent;
-  silent.headerDelayMs = 60000;
-  ScriptedHttpServer server(silent);
-  Handle h(server.url());
-  std::atomic<int> result{99};
-  std::thread reader([&] {
-    char buf[1000];
-    unsigned long got = 0;
-    result = x_smart_file_read(h.id, buf, sizeof(buf), &got);
-  });
-  EXPECT_TRUE(staysFalse([&] { return result != 99; }, 200));
-  EXPECT_EQ(h.close(), SMFR_OK);
-  EXPECT_TRUE(waitFor([&] { return result != 99; }));
-  reader.join();
-  EXPECT_NE(result, SMFR_OK);
 }
 
 // Queues opened, read and closed at once share the block pools and the

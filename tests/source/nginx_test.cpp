@@ -9,12 +9,13 @@ namespace {
 
 TEST(Nginx, SequentialAndRandomReadsAreByteExactOverHttpAndHttps) {
   NginxFixture nginx;
-  CV_START_NGINX_OR_SKIP(nginx);
+  std::string why;
+  if (!nginx.start(&why)) GTEST_SKIP() << why;
   const long long size = (5 << 20) + 777;
   nginx.addPatternFile("f.bin", size);
   for (bool https : {false, true}) {
     SCOPED_TRACE(https ? "https" : "http");
-    Handle h(https ? nginx.httpsUrl("f.bin") : nginx.httpUrl("f.bin"));
+    Handle h(nginx.url("f.bin", https));
     int code = 0;
     EXPECT_TRUE(isPatternAt(readBytes(h.id, size + 1, 50000, &code), 0, size));
     EXPECT_EQ(code, SMFR_EOF);
@@ -29,7 +30,7 @@ TEST(Nginx, SequentialAndRandomReadsAreByteExactOverHttpAndHttps) {
       ASSERT_TRUE(isPatternAt(readBytes(h.id, want, 20000, &code), at, want)) << at;
     }
   }
-  Handle missing(nginx.httpUrl("absent.bin"));
+  Handle missing(nginx.url("absent.bin"));
   char buf[10];
   unsigned long got = 0;
   int r = x_smart_file_read(missing.id, buf, sizeof(buf), &got);

@@ -1,10 +1,7 @@
 #include "support/nginx_fixture.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,33 +11,11 @@
 
 namespace testsupport {
 
-namespace {
-
-// A port the kernel hands out and takes back; connect() tells when nginx
-// listens on it.
-int port(bool connectTo = false, int to = 0) {
-  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  addr.sin_port = htons(static_cast<uint16_t>(to));
-  socklen_t len = sizeof(addr);
-  int result = connectTo ? connect(fd, reinterpret_cast<sockaddr*>(&addr), len)
-                         : bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
-  if (!connectTo) getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-  close(fd);
-  return connectTo ? result == 0 : ntohs(addr.sin_port);
-}
-
-}  // namespace
-
 NginxFixture::~NginxFixture() {
   if (pid_ <= 0) return;
   kill(pid_, SIGTERM);
   waitpid(pid_, nullptr, 0);
 }
-
-bool NginxFixture::available() { return access(kNginxBinary, X_OK) == 0; }
 
 void NginxFixture::addPatternFile(const std::string& name, long long size) {
   std::ofstream out(dir_.file("www/" + name), std::ios::binary);
@@ -50,6 +25,11 @@ void NginxFixture::addPatternFile(const std::string& name, long long size) {
 }
 
 bool NginxFixture::start(std::string* why) {
+  const char* nginx = "/usr/sbin/nginx";
+  if (access(nginx, X_OK) != 0) {
+    *why = "no nginx";
+    return false;
+  }
   // Workers may run as another user: everything they read is readable.
   chmod(dir_.file("").c_str(), 0755);
   mkdir(dir_.file("www").c_str(), 0755);
@@ -61,23 +41,23 @@ bool NginxFixture::start(std::string* why) {
     return false;
   }
   chmod(dir_.file("key.pem").c_str(), 0644);
-  httpPort_ = port();
-  httpsPort_ = port();
+  ports_[0] = freePort();
+  ports_[1] = freePort();
   std::ofstream(dir_.file("nginx.conf"))
       << (geteuid() == 0 ? "user root root;\n" : "") << "worker_processes 1;\ndaemon off;\npid "
       << dir_.file("nginx.pid") << ";\nerror_log " << dir_.file("error.log")
       << " warn;\nevents { worker_connections 256; }\nhttp {\n  access_log off;\n  client_body_temp_path "
       << dir_.file("body") << ";\n  proxy_temp_path " << dir_.file("proxy") << ";\n  fastcgi_temp_path "
       << dir_.file("fcgi") << ";\n  uwsgi_temp_path " << dir_.file("uwsgi") << ";\n  scgi_temp_path "
-      << dir_.file("scgi") << ";\n  server {\n    listen 127.0.0.1:" << httpPort_ << ";\n    listen 127.0.0.1:"
-      << httpsPort_ << " ssl;\n    ssl_certificate " << dir_.file("cert.pem") << ";\n    ssl_certificate_key "
+      << dir_.file("scgi") << ";\n  server {\n    listen 127.0.0.1:" << ports_[0] << ";\n    listen 127.0.0.1:"
+      << ports_[1] << " ssl;\n    ssl_certificate " << dir_.file("cert.pem") << ";\n    ssl_certificate_key "
       << dir_.file("key.pem") << ";\n    root " << dir_.file("www") << ";\n  }\n}\n";
   pid_ = fork();
   if (pid_ == 0) {
     int devnull = open("/dev/null", O_WRONLY);
     dup2(devnull, 1);
     dup2(devnull, 2);
-    execl(kNginxBinary, kNginxBinary, "-p", dir_.file("").c_str(), "-c", dir_.file("nginx.conf").c_str(),
+    execl(nginx, nginx, "-p", dir_.file("").c_str(), "-c", dir_.file("nginx.conf").c_str(),
           static_cast<char*>(nullptr));
     _exit(127);
   }
@@ -86,7 +66,8 @@ bool NginxFixture::start(std::string* why) {
       pid_ = -1;  // exited: nothing to stop
       break;
     }
-    if (port(true, httpPort_) && port(true, httpsPort_)) return true;
+    // Written once the configuration is read and its ports listen.
+    if (access(dir_.file("nginx.pid").c_str(), F_OK) == 0) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   std::ifstream log(dir_.file("error.log"));

@@ -11,12 +11,12 @@
 
 namespace testsupport {
 
-namespace {
-
-std::string lower(std::string s) {
+std::string lowerCase(std::string s) {
   for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return s;
 }
+
+namespace {
 
 bool sendAll(int fd, const char* data, size_t size) {
   for (ssize_t n = 0; size > 0; data += n, size -= static_cast<size_t>(n)) {
@@ -35,14 +35,8 @@ std::string pathOf(std::string target) {
 }  // namespace
 
 std::string RecordedRequest::header(const std::string& name) const {
-  for (const auto& h : headers) {
-    if (lower(h.first) == lower(name)) return h.second;
-  }
-  return "";
-}
-
-bool RecordedRequest::hasHeader(const std::string& name) const {
-  return std::any_of(headers.begin(), headers.end(), [&](const auto& h) { return lower(h.first) == lower(name); });
+  auto it = headers.find(lowerCase(name));
+  return it == headers.end() ? "" : it->second;
 }
 
 ScriptedHttpServer::ScriptedHttpServer(Script defaultScript, bool ipv6) : ipv6_(ipv6), default_(std::move(defaultScript)) {
@@ -143,13 +137,13 @@ void ScriptedHttpServer::serve(int fd) {
   std::istringstream lines(head.substr(0, head.find("\r\n\r\n")));
   std::string line;
   std::getline(lines, line);
-  std::istringstream(line) >> request.method >> request.target;
+  std::istringstream(line) >> request.target >> request.target;
   while (std::getline(lines, line)) {
     if (!line.empty() && line.back() == '\r') line.pop_back();
     size_t colon = line.find(':');
     if (colon == std::string::npos) continue;
     size_t value = std::min(line.size(), line.find_first_not_of(' ', colon + 1));
-    request.headers.emplace_back(line.substr(0, colon), line.substr(value));
+    request.headers.emplace(lowerCase(line.substr(0, colon)), line.substr(value));
   }
   int index;
   Script s;
@@ -160,7 +154,7 @@ void ScriptedHttpServer::serve(int fd) {
     index = servedPerPath_[path]++;
     s = routes_.count(path) ? routes_[path] : default_;
   }
-  if (s.after && index >= s.afterConnections) s = *s.after;
+  if (s.after && index > 0) s = *s.after;
   if (s.content) s.size = static_cast<long long>(s.content->size());
 
   // "Range: bytes=A-" or "bytes=A-B".

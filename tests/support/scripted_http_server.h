@@ -25,13 +25,17 @@
 
 namespace testsupport {
 
+std::string lowerCase(std::string s);
+
 // What one path answers.
 struct Script {
-  long long size = 1 << 20;         // pattern bytes of the resource
+  explicit Script(long long total = 1 << 20, bool ranges = true, std::vector<long long> drops = {})
+      : size(total), honourRange(ranges), dropPlan(std::move(drops)) {}
+  long long size;                   // pattern bytes of the resource
   int status = 0;                   // 0: 200/206 with content; else this status with `body`
   std::string body;
   std::string location;             // Location header (redirects)
-  bool honourRange = true;          // false: 200 with the whole content
+  bool honourRange;                 // false: 200 with the whole content
   int rangeStatus = 0;              // e.g. 416: the answer to any request with a Range
   bool contentLength = true;        // false: the body ends where the connection closes
   bool unknownTotal = false;        // Content-Range total "*" (and no Content-Length)
@@ -44,19 +48,16 @@ struct Script {
   int stallMs = 0;                  // ...this long, then go on...
   int stallTimes = -1;              // ...on the first K connections (-1: all)
   int headerDelayMs = 0;            // silence before the status line
-  // Connections from the `afterConnections`-th on (from 0) get this script.
-  std::shared_ptr<const Script> after;
-  int afterConnections = 1;
+  std::shared_ptr<const Script> after;  // for the connections after the first
   std::shared_ptr<const std::string> content;  // replaces the pattern; sets size
 };
 
 struct RecordedRequest {
-  std::string method;
   std::string target;  // as sent: origin-form path or absolute-form URL
-  std::vector<std::pair<std::string, std::string>> headers;
-  // Value of the first header named `name` (any case), or "".
+  std::map<std::string, std::string> headers;  // the first of each name, in lower case
+  // The value of the header `name` (any case), or "".
   std::string header(const std::string& name) const;
-  bool hasHeader(const std::string& name) const;
+  bool hasHeader(const std::string& name) const { return headers.count(lowerCase(name)) > 0; }
 };
 
 class ScriptedHttpServer {

@@ -95,17 +95,9 @@ struct Handle {
   int opened = -1;
 };
 
-// A loopback port bound and not listening: connections to it are refused.
-class RefusingPort {
- public:
-  RefusingPort();
-  ~RefusingPort();
-  std::string url() const { return "http://127.0.0.1:" + std::to_string(port_) + "/f"; }
-
- private:
-  int fd_;
-  int port_ = 0;
-};
+// A loopback port the kernel hands out and takes back: free for a server
+// to take, refused to clients until one does.
+int freePort();
 
 }  // namespace testsupport
 

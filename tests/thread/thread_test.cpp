@@ -1,11 +1,10 @@
-// The task engine (six executors, one queue, withdrawal), ThreadObject (one
-// run per start, pauses, stops) and RudeTimer (one-shot and repeating).
+// The task engine (six executors, one queue, withdrawal) and ThreadObject
+// (one run per start, pauses, stops).
 #include <atomic>
 #include <memory>
 #include <thread>
 
 #include "support/support.h"
-#include "thread/rude_timer.h"
 #include "thread/thread_engine.h"
 #include "thread/thread_object.h"
 
@@ -126,63 +125,6 @@ TEST(ThreadObject, OneRunPerStartPausesAndStops) {
   worker.stop(true);
   EXPECT_FALSE(worker.start(&probe));
   EXPECT_TRUE(log.contains("The thread has been froced to destroyed yet, start failed 0"));
-  // Destroying a running object waits for its run and runs no other.
-  Gate last;
-  Probe other;
-  other.gate = &last;
-  std::atomic<bool> destroyed{false};
-  {
-    auto running = std::make_unique<util::ThreadObject>(&probeRun);
-    other.self = running.get();
-    ASSERT_TRUE(running->start(&other));
-    ASSERT_TRUE(waitFor([&] { return other.runs == 1; }));
-    std::thread opener([&] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      EXPECT_FALSE(destroyed.load());
-      last.open();
-    });
-    running.reset();
-    destroyed = true;
-    opener.join();
-  }
-  EXPECT_EQ(other.runs, 1);
-}
-
-std::atomic<int> gCalls{0};
-std::atomic<void*> gLastArg{nullptr};
-
-void record(void* arg) {
-  gLastArg = arg;
-  ++gCalls;
-}
-
-TEST(RudeTimer, OneShotRepeatingAndStopped) {
-  int first = 1, second = 2;
-  {
-    util::RudeTimer once(1000, false, &record);
-    once.start(&first);
-    once.start(&second);  // while counting: the count restarts, the argument stays
-    ASSERT_TRUE(waitFor([&] { return gCalls == 1 && !once.isActive(); }));
-    EXPECT_TRUE(staysFalse([&] { return gCalls > 1; }, 300));
-    EXPECT_EQ(gLastArg.load(), &first);
-  }
-  LogCapture log(0);
-  gCalls = 0;
-  util::RudeTimer repeating(300, true, &record);
-  repeating.start(&second);
-  ASSERT_TRUE(waitFor([&] { return gCalls >= 3; }));
-  EXPECT_TRUE(log.contains("Timer out:300 ~ 300"));
-  repeating.stop();
-  ASSERT_TRUE(waitFor([&] { return !repeating.isActive(); }));
-  int settled = gCalls;
-  EXPECT_TRUE(staysFalse([&] { return gCalls > settled + 1; }, 500));
-  gCalls = 0;
-  util::RudeTimer never(2000000000, false, &record);
-  never.start(&first);
-  ASSERT_TRUE(log.waitFor("RudeTimer run loop"));
-  never.stop();
-  EXPECT_TRUE(waitFor([&] { return !never.isActive(); }, 30000));
-  EXPECT_EQ(gCalls, 0);
 }
 
 }  // namespace
