@@ -237,6 +237,9 @@ TEST(TreeNode, LookupsPrintsAndClears) {
   }
   EXPECT_EQ(root.lookup(""), &root);
   EXPECT_EQ(root.lookup("catalog/[3]"), nullptr);
+  TreeNode nested("r");  // a malformed step finds nothing, not what the step before named
+  nested.createSubEntry("a")->createSubEntry("a");
+  EXPECT_EQ(nested.lookup("a/b[x]"), nullptr);
   EXPECT_EQ(catalog->getChild(-1), nullptr);
   EXPECT_EQ(catalog->getParent(), &root);
   TreeNode* book = catalog->getChild(0);

@@ -30,6 +30,7 @@ TEST(MethodRequest, WhatHeadersSay) {
       {{"HTTP/1.1 200 OK", "content-Length: 10"}, false, true, 0, ""},
       {{"Accept-Ranges: none", "Content-length: 4"}, true, false, 0, ""},
       {{"ACCEPT-RANGES: bytes", "X-Content-Length: 10"}, false, true, 0, ""},
+      {{"Accept-Ranges: bytes"}, false, true, 0, ""},
       {{"Access-Control-Allow-Headers: Origin, Range"}, false, true, 0, ""},
       {{"HTTP/1.1 206 Partial Content", "Content-Range: bytes 0-99/1000"}, false, true, 1000, ""},
       {{"HTTP/1.1 206 Partial Content", "CONTENT-RANGE: bytes */1000"}, false, true, 1000, ""},

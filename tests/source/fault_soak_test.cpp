@@ -15,8 +15,6 @@
 namespace testsupport {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 // A read waits at most for two 1.5 s stalls cut at 4 s, a few reconnections
 // and a restart from 0 of a source without ranges: far below this bound,
 // which stays below the 35-s first-byte limit so that limit cannot hide a

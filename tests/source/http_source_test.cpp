@@ -12,12 +12,6 @@
 namespace testsupport {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 TEST(HttpSource, ServersAnswersAndDropsGiveEveryByteFromBoundedConnections) {
   const long long mib = 1 << 20;
   std::vector<long long> every100KiB;
@@ -82,6 +76,9 @@ TEST(HttpSource, FailingLocationsGiveTheirCodeStatusAndEvent) {
   s.status = 503;
   server.route("/503", s);
   server.route("/empty", Script(0, false));
+  Script weird;
+  weird.statusLine = "HTTP/9 ???";
+  server.route("/weird", weird);
   const std::string unresolvable = "http://no-such-host.invalid/file";
   const struct {
     std::string url;
@@ -90,6 +87,7 @@ TEST(HttpSource, FailingLocationsGiveTheirCodeStatusAndEvent) {
       {server.url("/404"), -1, 404, 5, SMFR_NOT_FOUND},
       {server.url("/503"), -1, 503, 6, SMFR_NOT_AVAILABLE},
       {server.url("/empty"), -1, 404, 5, SMFR_NOT_FOUND},  // an answer without a body
+      {server.url("/weird"), -1, 0, 1, SMFR_FAILED},  // a failure of no kind of its own
       {unresolvable, -1, -6, 5, SMFR_NOT_FOUND},
       {unresolvable, 1, -6, 1, SMFR_FAILED},  // retried once first
       {"http://127.0.0.1:" + std::to_string(freePort()) + "/f", -1, -8, 5, SMFR_NOT_FOUND},

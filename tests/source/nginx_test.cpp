@@ -30,12 +30,6 @@ TEST(Nginx, SequentialAndRandomReadsAreByteExactOverHttpAndHttps) {
       ASSERT_TRUE(isPatternAt(readBytes(h.id, want, 20000, &code), at, want)) << at;
     }
   }
-  Handle missing(nginx.url("absent.bin"));
-  char buf[10];
-  unsigned long got = 0;
-  int r = x_smart_file_read(missing.id, buf, sizeof(buf), &got);
-  EXPECT_TRUE(r == SMFR_NOT_FOUND || r == -1) << r;
-  EXPECT_EQ(x_smart_file_http_get_download_status(missing.id), 404);
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -46,6 +47,11 @@ class TempDir {
  private:
   std::string path_;
 };
+
+using Clock = std::chrono::steady_clock;
+inline double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
+}
 
 // Polls `condition` until it holds or `timeoutMs` passed; its last answer.
 bool waitFor(const std::function<bool()>& condition, int timeoutMs = 5000);
