@@ -44,6 +44,7 @@ class Producer : public util::BufferQueueProducer {
     return file_->startStreaming(version, from, count);
   }
   int stopStreaming() override {
+    ++stops;
     if (Gate* gate = stopGate.load()) gate->pass();
     return file_ ? file_->stopStreaming() : 0;
   }
@@ -67,6 +68,7 @@ class Producer : public util::BufferQueueProducer {
   }
 
   std::atomic<Gate*> stopGate{nullptr};
+  std::atomic<int> stops{0};
   std::atomic<int> startResult{0};
   std::atomic<bool> silent{false};
 
@@ -131,10 +133,12 @@ TEST(BufferQueue, ReadsOutsideHeldDataStartOneConnectionAtTheAlignedOffset) {
       EXPECT_TRUE(q.read(r[0], static_cast<unsigned long>(r[1])));
       ASSERT_EQ(static_cast<long long>(q.producer.startCount()), r[2]) << r[0];
       EXPECT_EQ(q.producer.starts().back().from, r[3]) << r[0];
+      EXPECT_GE(q.producer.stops, r[2] - 1) << "a run left going under a new one";
     }
     size_t starts = q.producer.startCount();
     EXPECT_TRUE(staysFalse([&] { return q.producer.startCount() != starts; }, 200));
     if (*c.line) EXPECT_TRUE(log.contains(c.line)) << c.line;
+    if (c.seekable) EXPECT_EQ(log.countContaining("streaming is not seekable"), 0);
   }
 }
 

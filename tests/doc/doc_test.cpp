@@ -329,7 +329,6 @@ TEST(MethodResponse, EachTransferCallsItsReaderInSequence) {
   Recorder reader, second;
   Response response;
   response.reader = &reader;
-  response.switchReader(&second);  // not initialised
   response.initialize(&reader);
   response.readyReceive();
   char body[] = "abcdef";
@@ -337,7 +336,6 @@ TEST(MethodResponse, EachTransferCallsItsReaderInSequence) {
   EXPECT_EQ(response.receive(body + 4, 2, nullptr, 3), 2);
   response.finishReceive();
   EXPECT_EQ(reader.log, "init clear ready in(abcd,0) in(ef,0) in(null,1) result ");
-  EXPECT_EQ(second.log, "");
   EXPECT_TRUE(response.isSuccess());
   EXPECT_EQ(response.getErrorCode() + response.getErrorMsg(), "codemessage");
   response.switchReader(&second);
