@@ -1,9 +1,8 @@
 // The block queue between one producer and its readers: where connections
-// start, what each source event does, and the hand-overs around full buffers, ended and superseded
-// connections, played chunk by chunk.
-#include <fstream>
-
+// start, what each source event does, and the hand-overs around full
+// buffers, ended and superseded connections, played chunk by chunk.
 #include <atomic>
+#include <fstream>
 #include <memory>
 #include <thread>
 
@@ -379,7 +378,6 @@ TEST(BufferQueue, ASourceThatStopsDeliveringEndsTheStream) {
     EXPECT_EQ(q.queue.read(buffer, 100, &got), BufferQueue::READ_FINISHED);
   }
 }
-
 
 // The head of each connection of a stream that cannot seek is compared with
 // the previous one's: the same head again ends the connection and fixes the

@@ -16,11 +16,11 @@ TEST(HttpSource, ServersAnswersAndDropsGiveEveryByteFromBoundedConnections) {
   const long long mib = 1 << 20;
   std::vector<long long> every100KiB;
   for (long long at = 0; at < mib; at += 102400) every100KiB.push_back(at);
-  Script noTotal = Script(2 * mib + 4321);
+  Script noTotal(2 * mib + 4321);
   noTotal.unknownTotal = true;
-  Script noLength = Script(2 * mib + 4321, false);
+  Script noLength(2 * mib + 4321, false);
   noLength.contentLength = false;
-  Script icy = Script(300000, false);
+  Script icy(300000, false);
   icy.statusLine = "ICY 200 OK";
   const struct {
     const char* name;
@@ -128,7 +128,7 @@ TEST(HttpSource, LaterAnswersGiveOnlyContentAtItsOffset) {
   for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.path) + " " + std::to_string(c.status + c.rangeStatus) +
                  (c.seek ? " seek" : " drop"));
-    Script s = Script(4 << 20, true, c.seek ? std::vector<long long>{} : std::vector<long long>{kDrop, -1});
+    Script s(4 << 20, true, c.seek ? std::vector<long long>{} : std::vector<long long>{kDrop, -1});
     auto later = std::make_shared<Script>(Script(s.size));
     later->status = c.status;
     later->body = std::string(5000, 'E');
@@ -164,7 +164,7 @@ TEST(HttpSource, LaterAnswersGiveOnlyContentAtItsOffset) {
 // With feature flag 1 every stall is cut after about four seconds and the
 // next connection goes on from the bytes held.
 TEST(HttpSource, StallsAreCutAfterFourSecondsWithFeatureFlagOne) {
-  Script s = Script(1 << 20);
+  Script s(1 << 20);
   s.stallAfter = 400 << 10;
   s.stallMs = 60000;
   ScriptedHttpServer server(s);
@@ -222,7 +222,7 @@ TEST(HttpSource, SilentServerFailsTheReadAfterTheFirstByteLimit) {
 // A close returns a read blocked on a stalled server; a transfer held back
 // by a speed limit still answers a close, a far seek and a new limit at once.
 TEST(HttpSource, CloseSeekAndLimitTakeEffectAtOnce) {
-  Script stalling = Script(4 << 20);
+  Script stalling(4 << 20);
   stalling.stallAfter = 65536;
   stalling.stallMs = 60000;
   ScriptedHttpServer server(stalling);
@@ -279,7 +279,7 @@ TEST(HttpSource, CloseSeekAndLimitTakeEffectAtOnce) {
 }
 
 TEST(HttpSource, OptionsReachTheWireAndAnswersAreReported) {
-  Script s = Script(1 << 20);
+  Script s(1 << 20);
   s.extraHeaders = {"Server: TestServer/1.0  "};
   ScriptedHttpServer server(s);
   int code = 0;
@@ -334,8 +334,8 @@ TEST(HttpSource, OptionsReachTheWireAndAnswersAreReported) {
 TEST(HttpSource, HeaderBlockOfTheFinalAnswer) {
   ScriptedHttpServer server;
   server.route("/final", Script(3000));
-  Script padded = Script(50000);
-  for (int i = 0; i < 120; ++i) padded.extraHeaders.push_back("X-Pad-" + std::to_string(i) + ": " + std::string(100, 'p'));
+  Script padded(50000);
+  for (int i = 0; i < 120; ++i) padded.extraHeaders.push_back("X-" + std::to_string(i) + ": " + std::string(100, 'p'));
   server.route("/padded", padded);
   for (int status : {302, 301, 303, 307, 0}) {
     Script redirect;
