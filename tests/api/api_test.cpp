@@ -179,12 +179,18 @@ TEST(ReadSeek, RandomOperationsMatchTheModel) {
 }
 
 struct Report {
-  int reqID, status, bytes;
+  int reqID, status, bytes, pops;
 };
+
+// An executor logs "begin to popTask" each time it comes back for a task,
+// which is after the request id it ran was freed: `pops` counts those lines
+// at the callback.
+const char kPop[] = "begin to popTask";
 
 struct Reports {
   std::mutex mutex;
   std::vector<Report> all;
+  const LogCapture* log = nullptr;
   std::vector<Report> get() {
     std::lock_guard<std::mutex> lock(mutex);
     return all;
@@ -194,14 +200,16 @@ struct Reports {
 void onDone(int reqID, void* userdata, int status, int bytes) {
   Reports* r = static_cast<Reports*>(userdata);
   std::lock_guard<std::mutex> lock(r->mutex);
-  r->all.push_back(Report{reqID, status, bytes});
+  r->all.push_back(Report{reqID, status, bytes, r->log ? r->log->countContaining(kPop) : 0});
 }
 
 TEST(AsyncRead, ReportsIdsStatusesAndBytes) {
-  LogCapture log(-1);  // before the library's threads run
+  LogCapture log(1);  // before the library's threads run
   TempDir dir;
   Handle h(dir.writePattern("f", 100000));
   Reports reports;
+  reports.log = &log;
+  ASSERT_TRUE(waitFor([&] { return log.countContaining(kPop) >= 6; }));  // every executor is up
   std::vector<char> buf(60000);
   const int wants[] = {60000, 60000, 100};
   const int statuses[] = {SMFR_ASYNC_DONE, SMFR_ASYNC_DONE, SMFR_ASYNC_EOF};
@@ -219,6 +227,7 @@ TEST(AsyncRead, ReportsIdsStatusesAndBytes) {
     EXPECT_EQ(r.bytes, bytes[i]);
     EXPECT_EQ(firstPatternMismatch(buf.data(), i * 60000, r.bytes), -1);
     EXPECT_TRUE(waitFor([&] { return x_smart_file_offset(h.id) == std::min(100000, (i + 1) * 60000); }));
+    ASSERT_TRUE(waitFor([&] { return log.countContaining(kPop) > r.pops; }));
   }
   for (int invalid : {512, -1}) {
     EXPECT_EQ(x_smart_file_read_abort(h.id, invalid), SMFR_NOT_HTTP);
