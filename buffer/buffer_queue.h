@@ -111,6 +111,11 @@ class BufferQueue : public Semaphore, public StreamSink {
   // Reading side (reader threads). read blocks until data, a final status
   // or breakRead.
   int read(char* buffer, unsigned long size, unsigned long* got);
+  // The same, but a breakRead made since breakCount() returned `breaksSeen`
+  // breaks it too when it came before the read began: a reader that chose
+  // to read before a close broke it must not start waiting afterwards.
+  int read(char* buffer, unsigned long size, unsigned long* got, unsigned long breaksSeen);
+  unsigned long breakCount() const { return breaks_.load(); }
   bool seek(long long offset, long long* newOffset);
   void breakRead();
   long long getBufferedSize(long long offset);
@@ -123,6 +128,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   void release();
 
   void resetStreaming();  // REQUIRES: streamLock_ held
+  int readSince(char* buffer, unsigned long size, unsigned long* got, const unsigned long* breaksSeen);
   bool cacheHeadToCheck(unsigned char* data, unsigned long size);
   void setVolContent() { volatileContent_ = true; }
   bool isVolatile() const { return volatileContent_; }
@@ -291,6 +297,7 @@ class BufferQueue : public Semaphore, public StreamSink {
   long long connectionCount_ = 0;  // byte count the current connection was asked for
   unsigned long readSerial_ = 0;   // reads started, so breakRead waits for its read only
   int breakWaiters_ = 0;           // breakRead calls waiting for a read to leave
+  std::atomic<unsigned long> breaks_{0};  // [S] breakRead calls made
   int stallChecks_ = 0;            // monitor only
   long long lastActivity_ = -1;    // monitor only
   int blockedChecks_ = 0;          // monitor only: checks with reader and writer waiting

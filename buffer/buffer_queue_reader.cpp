@@ -17,6 +17,16 @@ long long nowMs() {
 }  // namespace
 
 int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
+  return readSince(buffer, size, got, nullptr);
+}
+
+int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got,
+                      unsigned long breaksSeen) {
+  return readSince(buffer, size, got, &breaksSeen);
+}
+
+int BufferQueue::readSince(char* buffer, unsigned long size, unsigned long* got,
+                           const unsigned long* breaksSeen) {
   *got = 0;
   SyncGuard queueGuard(*this);
   if (!initialised_) return SMFR_FAILED;
@@ -58,6 +68,11 @@ int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
   if (isFinalStatus(streamStatus_, retryCount_)) {
     readInProgress_ = false;
     CV_LOG(0, "read failed in buffer stream status:%d", streamStatus_.load());
+    return SMFR_FAILED;
+  }
+  if (breaksSeen != nullptr && breaks_ != *breaksSeen) {
+    readInProgress_ = false;
+    CV_LOG(2, "broken before reading");
     return SMFR_FAILED;
   }
   // Only a read going on where the previous one ended may be left asleep
@@ -417,6 +432,7 @@ bool BufferQueue::seek(long long offset, long long* newOffset) {
 void BufferQueue::breakRead() {
   if (producer_ != nullptr) producer_->setBreak();
   SyncGuard guard(streamLock_);
+  ++breaks_;
   CV_LOG(0, "Going to break read");
   if (readInProgress_) {
     breakReadRequested_ = true;

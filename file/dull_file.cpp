@@ -84,6 +84,10 @@ int DullFile::referenceNumber() {
 
 int DullFile::read(char* buf, unsigned long size, long long position, unsigned long* readSize,
                    SmartFile* file) {
+  // Every break aimed at this read is made under referenceLock after this
+  // count is taken, so one that lands before the queue read begins still
+  // counts.
+  unsigned long breaks = 0;
   {
     util::SyncGuard guard(referenceLock);
     if (std::find(references.begin(), references.end(), file) == references.end()) {
@@ -92,6 +96,7 @@ int DullFile::read(char* buf, unsigned long size, long long position, unsigned l
       return kFailed;
     }
     reader = file;
+    breaks = rbuffer.breakCount();
   }
   long long cur = 0;
   bool moved = rbuffer.seek(position, &cur);
@@ -104,7 +109,7 @@ int DullFile::read(char* buf, unsigned long size, long long position, unsigned l
     CV_LOG(1, "read end, error = %d", r);
     return r;
   }
-  int r = rbuffer.read(buf, size, readSize);
+  int r = rbuffer.read(buf, size, readSize, breaks);
   CV_LOG(1, "read end, error = %d", r);
   return r;
 }

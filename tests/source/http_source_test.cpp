@@ -219,22 +219,31 @@ TEST(HttpSource, SilentServerFailsTheReadAfterTheFirstByteLimit) {
   EXPECT_EQ(server.rangeStarts("/gjz").size(), 2u);
 }
 
-// A close returns a read blocked on a stalled server; a transfer held back
-// by a speed limit still answers a close, a far seek and a new limit at once.
+// A close returns a read blocked on a stalled server, also one it meets
+// between the read's move to its position and its wait for data; a transfer
+// held back by a speed limit still answers a close, a far seek and a new
+// limit at once.
 TEST(HttpSource, CloseSeekAndLimitTakeEffectAtOnce) {
   Script stalling(4 << 20);
   stalling.stallAfter = 65536;
   stalling.stallMs = 60000;
   ScriptedHttpServer server(stalling);
-  {
+  for (bool held : {false, true}) {
+    SCOPED_TRACE(held ? "held before its wait" : "waiting");
+    LogCapture log(1);
+    if (held) log.holdAt("seek:  ", 500);
     Handle h(server.url());
     std::atomic<long long> got{-1};
     std::thread reader([&] {
       int code = 0;
       got = static_cast<long long>(readBytes(h.id, 1 << 20, 200000, &code).size());
     });
-    ASSERT_TRUE(waitFor([&] { return server.bytesSent() >= 65536; }));
-    EXPECT_TRUE(staysFalse([&] { return got >= 0; }, 300));
+    if (held) {
+      ASSERT_TRUE(waitFor([&] { return log.countContaining("seek:  ") > 0; }));
+    } else {
+      ASSERT_TRUE(waitFor([&] { return server.bytesSent() >= 65536; }));
+      EXPECT_TRUE(staysFalse([&] { return got >= 0; }, 300));
+    }
     auto closing = Clock::now();
     EXPECT_EQ(h.close(), SMFR_OK);
     EXPECT_TRUE(waitFor([&] { return got >= 0; }, 3000));

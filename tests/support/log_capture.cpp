@@ -1,6 +1,9 @@
 // LogCapture: the library's lines, through a liblog logger of the test's.
 #include <android/log.h>
 
+#include <cstring>
+#include <thread>
+
 #include "diag/log.h"
 #include "support/support.h"
 
@@ -9,10 +12,17 @@ namespace testsupport {
 namespace {
 std::mutex gMutex;
 std::vector<std::string>* gLines = nullptr;
+std::string gHoldPart;
+int gHoldMs = 0;
 
 void captureLogger(const struct __android_logger_data*, const char* message) {
-  std::lock_guard<std::mutex> lock(gMutex);
-  if (gLines != nullptr) gLines->push_back(message ? message : "");
+  int hold = 0;
+  {
+    std::lock_guard<std::mutex> lock(gMutex);
+    if (gLines != nullptr) gLines->push_back(message ? message : "");
+    if (gHoldMs > 0 && message && std::strstr(message, gHoldPart.c_str())) hold = gHoldMs;
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(hold));
 }
 }  // namespace
 
@@ -33,6 +43,7 @@ LogCapture::~LogCapture() {
   std::lock_guard<std::mutex> lock(gMutex);
   delete gLines;  // lines of threads still running go nowhere from now on
   gLines = nullptr;
+  gHoldMs = 0;
 }
 
 std::vector<std::string> LogCapture::texts() const {
@@ -50,6 +61,12 @@ int LogCapture::countContaining(const std::string& part) const {
   int n = 0;
   for (const std::string& line : texts()) n += line.find(part) != std::string::npos;
   return n;
+}
+
+void LogCapture::holdAt(const std::string& part, int ms) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  gHoldPart = part;
+  gHoldMs = ms;
 }
 
 bool LogCapture::waitFor(const std::string& text, int timeoutMs) const {

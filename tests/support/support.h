@@ -83,6 +83,9 @@ class LogCapture {
   bool contains(const std::string& text) const { return count(text) > 0; }
   int countContaining(const std::string& part) const;
   bool waitFor(const std::string& text, int timeoutMs = 5000) const;
+  // The thread logging a line that contains `part` sleeps `ms` after it:
+  // a way to hold a library thread between two of its steps.
+  void holdAt(const std::string& part, int ms);
 
  private:
   int savedLevel_;
