@@ -115,7 +115,7 @@ TEST(JSONParser, EveryValueKindGivesItsDecodedEvents) {
       {"\"\\u0041\\u00E9\\u20ac\\uffff\"", "( ='A\xC3\xA9\xE2\x82\xAC\xEF\xBF\xBF ) "},
       {"\"\\ud834\\udd1e!\\udbff\\udfff\"", "( ='\xF0\x9D\x84\x9E!\xF4\x8F\xBF\xBF ) "},
   };
-  for (const char* number : {"0", "-0", "-12", "-0.25", "1E+2", "2e-3", "123456789012345678901234567890"}) {
+  for (const char* number : {"0", "-0", "-12", "-0.25", "1E+2", "2e-3", "0E-1", "123456789012345678901234567890"}) {
     cases.push_back({number, std::string("( =") + number + " ) "});
   }
   for (const auto& [doc, events] : cases) {

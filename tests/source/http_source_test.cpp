@@ -327,6 +327,21 @@ TEST(HttpSource, OptionsReachTheWireAndAnswersAreReported) {
     EXPECT_EQ(readBytes(h.id, 1000, 1000, &code).size(), 1000u) << code;
     EXPECT_EQ(server.requests().back().target, target);
   }
+  {
+    // The speed reported follows the last seconds: after 1 MB/s for over a
+    // second, then 100 kB/s for two and a half, it is near 100 kB/s while
+    // the transfer's mean is near 400 kB/s.
+    server.route("/speed", Script(8 << 20));
+    LogCapture log(0);
+    Handle h(server.url("/speed"));
+    ASSERT_EQ(x_smart_file_http_set_speed(h.id, 1000000), SMFR_OK);
+    EXPECT_EQ(readBytes(h.id, 1200000, 100000, &code).size(), 1200000u);
+    ASSERT_EQ(x_smart_file_http_set_speed(h.id, 100000), SMFR_OK);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    long long speed = x_smart_file_http_get_speed(h.id);
+    EXPECT_TRUE(speed > 50000 && speed < 250000) << speed;
+    EXPECT_GT(log.countContaining("download aver_speed is"), 0);
+  }
   ScriptedHttpServer server6(Script{}, true);
   Handle v4(server6.url("/v4"));  // a handle starts as IPv4 only
   EXPECT_EQ(readBytes(v4.id, 1000, 1000, &code).size(), 0u);
