@@ -128,7 +128,6 @@ class BufferQueue : public Semaphore, public StreamSink {
   void release();
 
   void resetStreaming();  // REQUIRES: streamLock_ held
-  int readSince(char* buffer, unsigned long size, unsigned long* got, const unsigned long* breaksSeen);
   bool cacheHeadToCheck(unsigned char* data, unsigned long size);
   void setVolContent() { volatileContent_ = true; }
   bool isVolatile() const { return volatileContent_; }
@@ -205,6 +204,8 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool fill(long long offset, unsigned long size, char* buffer, unsigned long* got, int mode);
   bool easyFill(long long offset, unsigned long size, char* buffer, unsigned long* got,
                 bool backward);
+  int readSince(char* buffer, unsigned long size, unsigned long* got,
+                const unsigned long* breaksSeen);
   bool waitForData(long long wakeAt, const char* breakText);
   long long wakePoint(long long wanted);
   void relocateReader(long long offset);
