@@ -110,11 +110,13 @@ class BufferQueue : public Semaphore, public StreamSink {
 
   // Reading side (reader threads). read blocks until data, a final status
   // or breakRead.
-  int read(char* buffer, unsigned long size, unsigned long* got);
-  // The same, but a breakRead made since breakCount() returned `breaksSeen`
-  // breaks it too when it came before the read began: a reader that chose
-  // to read before a close broke it must not start waiting afterwards.
-  int read(char* buffer, unsigned long size, unsigned long* got, unsigned long breaksSeen);
+  // Given `breaksSeen` (a breakCount() taken earlier), a breakRead made
+  // since then breaks the read too when it came before the read began: a
+  // reader that chose to read before a close broke it must not start
+  // waiting afterwards.
+  static constexpr unsigned long kNoBreakCheck = ~0UL;
+  int read(char* buffer, unsigned long size, unsigned long* got,
+           unsigned long breaksSeen = kNoBreakCheck);
   unsigned long breakCount() const { return breaks_.load(); }
   bool seek(long long offset, long long* newOffset);
   void breakRead();
@@ -204,8 +206,6 @@ class BufferQueue : public Semaphore, public StreamSink {
   bool fill(long long offset, unsigned long size, char* buffer, unsigned long* got, int mode);
   bool easyFill(long long offset, unsigned long size, char* buffer, unsigned long* got,
                 bool backward);
-  int readSince(char* buffer, unsigned long size, unsigned long* got,
-                const unsigned long* breaksSeen);
   bool waitForData(long long wakeAt, const char* breakText);
   long long wakePoint(long long wanted);
   void relocateReader(long long offset);

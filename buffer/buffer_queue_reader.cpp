@@ -16,17 +16,8 @@ long long nowMs() {
 }
 }  // namespace
 
-int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got) {
-  return readSince(buffer, size, got, nullptr);
-}
-
 int BufferQueue::read(char* buffer, unsigned long size, unsigned long* got,
                       unsigned long breaksSeen) {
-  return readSince(buffer, size, got, &breaksSeen);
-}
-
-int BufferQueue::readSince(char* buffer, unsigned long size, unsigned long* got,
-                           const unsigned long* breaksSeen) {
   *got = 0;
   SyncGuard queueGuard(*this);
   if (!initialised_) return SMFR_FAILED;
@@ -70,7 +61,7 @@ int BufferQueue::readSince(char* buffer, unsigned long size, unsigned long* got,
     CV_LOG(0, "read failed in buffer stream status:%d", streamStatus_.load());
     return SMFR_FAILED;
   }
-  if (breaksSeen != nullptr && breaks_ != *breaksSeen) {
+  if (breaksSeen != kNoBreakCheck && breaks_ != breaksSeen) {
     readInProgress_ = false;
     CV_LOG(2, "broken before reading");
     return SMFR_FAILED;

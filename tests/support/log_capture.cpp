@@ -22,7 +22,7 @@ void captureLogger(const struct __android_logger_data*, const char* message) {
     if (gLines != nullptr) gLines->push_back(message ? message : "");
     if (gHoldMs > 0 && message && std::strstr(message, gHoldPart.c_str())) hold = gHoldMs;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(hold));
+  if (hold > 0) std::this_thread::sleep_for(std::chrono::milliseconds(hold));
 }
 }  // namespace
 
